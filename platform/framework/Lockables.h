@@ -1,0 +1,73 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+namespace TAMO::Framework {
+
+class Lockable {
+public:
+    virtual ~Lockable() = default;
+    virtual void lock() = 0;
+    virtual void unlock() = 0;
+};
+
+/// Locks on construction, unlocks on destruction.
+class LockUser {
+public:
+    explicit LockUser(Lockable& lockable) : m_lockable(lockable) { m_lockable.lock(); }
+    ~LockUser() { m_lockable.unlock(); }
+    LockUser(const LockUser&) = delete;
+    LockUser& operator=(const LockUser&) = delete;
+
+private:
+    Lockable& m_lockable;
+};
+
+class Mutex : public Lockable {
+public:
+    /// With `recursive` set the holder may lock again.
+    explicit Mutex(bool recursive);
+    ~Mutex() override;
+    void lock() override;
+    void unlock() override;
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
+
+/// A counting semaphore of this process.
+class Semaphore : public Lockable {
+public:
+    explicit Semaphore(unsigned initialCount);
+    ~Semaphore() override;
+    void lock() override;
+    void unlock() override;
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
+
+/// A semaphore of the whole machine that survives a holder that was killed.
+///
+/// A POSIX semaphore stays at 0 for ever when its holder gets SIGKILL, so each name is paired with a
+/// lock file, which the kernel frees. The file lock is taken first; whoever owns it and still sees
+/// a count of 0 after 5 s looks at a dead holder's and gives it back once, with a warning line.
+/// The count never rises above 1, and the name is never unlinked.
+class NamedSemaphore : public Lockable {
+public:
+    /// `name` begins with "/". When the semaphore cannot be opened an error line says why and
+    /// lock() falls back to the file lock alone.
+    NamedSemaphore(const std::string& name, unsigned initialCount);
+    ~NamedSemaphore() override;
+    void lock() override;
+    void unlock() override;
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
+
+} // namespace TAMO::Framework

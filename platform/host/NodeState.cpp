@@ -1,0 +1,164 @@
+// The node state file: one JSON object, small enough to be read at every call and rewritten whole.
+//
+// The service asks for its values through the middleware functions (Middleware.cpp); the simulated
+// node prepares the file before a start and reads what was asked for after it.
+#include "platform/host/NodeState.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using nlohmann::json;
+
+namespace {
+
+class Descriptor {
+public:
+    explicit Descriptor(int descriptor) : m_descriptor(descriptor) {}
+    ~Descriptor()
+    {
+        if (m_descriptor >= 0)
+            ::close(m_descriptor);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return m_descriptor; }
+    explicit operator bool() const { return m_descriptor >= 0; }
+
+private:
+    int m_descriptor;
+};
+
+bool failed(std::string& problem, const std::string& what, const std::string& path)
+{
+    problem = what + " " + path + ": " + std::strerror(errno);
+    return false;
+}
+
+bool readAll(int descriptor, std::string& content)
+{
+    constexpr std::size_t largest = 1024 * 1024; // a state file is a few hundred bytes
+    char block[4096];
+    for (;;) {
+        const ssize_t got = ::read(descriptor, block, sizeof block);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return got == 0;
+        content.append(block, static_cast<std::size_t>(got));
+        if (content.size() > largest) {
+            errno = EFBIG;
+            return false;
+        }
+    }
+}
+
+bool writeAll(int descriptor, const std::string& content)
+{
+    for (std::size_t done = 0; done < content.size();) {
+        const ssize_t put = ::write(descriptor, content.data() + done, content.size() - done);
+        if (put < 0 && errno != EINTR)
+            return false;
+        if (put > 0)
+            done += static_cast<std::size_t>(put);
+    }
+    return true;
+}
+
+template <class Number>
+void take(const json& from, const char* key, Number& number)
+{
+    if (const auto found = from.find(key); found != from.end())
+        found->get_to(number);
+}
+
+NodeState fromJson(const json& from)
+{
+    NodeState state;
+    take(from, "started_partition", state.startedPartition);
+    take(from, "active_partition", state.activePartition);
+    take(from, "fallback_partition", state.fallbackPartition);
+    take(from, "reset_reason", state.resetReason);
+    take(from, "operation_mode", state.operationMode);
+    take(from, "controlled_resets", state.controlledResets);
+    take(from, "ubifs_mounts", state.mounts);
+    return state;
+}
+
+json toJson(const NodeState& state)
+{
+    return {{"started_partition", state.startedPartition},
+            {"active_partition", state.activePartition},
+            {"fallback_partition", state.fallbackPartition},
+            {"reset_reason", state.resetReason},
+            {"operation_mode", state.operationMode},
+            {"controlled_resets", state.controlledResets},
+            {"ubifs_mounts", state.mounts}};
+}
+
+} // namespace
+
+bool readNodeState(const std::string& path, NodeState& state, std::string& problem)
+{
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file) {
+        state = {};
+        return errno == ENOENT || failed(problem, "cannot open", path);
+    }
+    std::string content;
+    if (!readAll(file.get(), content))
+        return failed(problem, "cannot read", path);
+    try {
+        const json parsed = json::parse(content);
+        if (!parsed.is_object()) {
+            problem = path + " does not hold a JSON object";
+            return false;
+        }
+        state = fromJson(parsed);
+        return true;
+    } catch (const json::exception& error) {
+        problem = "cannot make sense of " + path + ": " + error.what();
+        return false;
+    }
+}
+
+bool replaceFile(const std::string& path, const std::string& content, std::string& problem)
+{
+    std::string temporary = path + ".XXXXXX";
+    const Descriptor file(::mkostemp(temporary.data(), O_CLOEXEC));
+    if (!file)
+        return failed(problem, "cannot create a file beside", path);
+    if (::fchmod(file.get(), 0644) == 0 && writeAll(file.get(), content) &&
+        ::rename(temporary.c_str(), path.c_str()) == 0)
+        return true;
+    failed(problem, "cannot replace", path);
+    ::unlink(temporary.c_str());
+    return false;
+}
+
+bool writeNodeState(const std::string& path, const NodeState& state, std::string& problem)
+{
+    return replaceFile(path, toJson(state).dump(2) + "\n", problem);
+}
+
+bool updateNodeState(const std::string& path, const std::function<void(NodeState&)>& change, std::string& problem)
+{
+    const std::string lockName = path + ".lock"; // not the file itself, which is replaced
+    const Descriptor lock(::open(lockName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (!lock)
+        return failed(problem, "cannot open", lockName);
+    while (::flock(lock.get(), LOCK_EX) != 0)
+        if (errno != EINTR)
+            return failed(problem, "cannot lock", lockName);
+    NodeState state;
+    if (!readNodeState(path, state, problem))
+        return false;
+    change(state);
+    return writeNodeState(path, state, problem);
+}

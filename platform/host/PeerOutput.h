@@ -1,0 +1,57 @@
+#pragma once
+
+#include "platform/host/Frame.h"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+
+namespace TAMO::Framework {
+
+/// The sending half of a connection: a socket that is written to without waiting, and what it would
+/// not take yet. Any thread may use it.
+class PeerOutput {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    /// Bytes that may wait for a peer.
+    static constexpr std::size_t capacity = 4 * 1024 * 1024;
+
+    /// `fd` does not block and stays its owner's, who calls close() before closing it.
+    explicit PeerOutput(int fd) : m_fd(fd) {}
+
+    struct Sent {
+        bool accepted = false;
+        bool attend = false; ///< the owner must look: bytes wait that did not before, or the queue is full
+    };
+    /// Sends a frame, with its sequence number filled in, or queues what the socket does not take.
+    Sent send(Wire::FrameHeader header, const Bytes& body);
+
+    /// Writes what the socket takes now. True when bytes still wait.
+    bool flush();
+
+    /// When a frame was refused for want of room; the epoch when a byte has left since.
+    Clock::time_point fullSince() const;
+
+    std::size_t waiting() const;
+
+    /// Drops what waits. After it returns nobody uses the descriptor.
+    void close();
+
+private:
+    bool write(const void* first, std::size_t firstLength, const void* second, std::size_t secondLength,
+               std::size_t& written);
+    bool refuse();
+    void queue(const std::uint8_t* bytes, std::size_t length);
+
+    mutable std::mutex m_mutex;
+    int m_fd;
+    bool m_broken = false;
+    std::uint32_t m_sequence = 0;
+    Bytes m_queue;
+    std::size_t m_queueBegin = 0; ///< bytes of m_queue that are sent already
+    Clock::time_point m_fullSince{};
+};
+
+} // namespace TAMO::Framework

@@ -1,0 +1,215 @@
+# The tour of ./run: steps against a node in a fresh directory, each checked. Sourced by ./run, which
+# has built build/release/bin.
+
+bin=build/release/bin
+tree=examples/small_cell.jsonl
+steps=0
+wrong=0
+is_up=false
+
+if [[ -t 1 ]]; then
+    bold=$'\e[1m' dim=$'\e[2m' green=$'\e[32m' red=$'\e[31m' plain=$'\e[0m'
+else
+    bold='' dim='' green='' red='' plain=''
+fi
+
+title() { printf '\n%s%s%s\n' "$bold" "$*" "$plain"; }
+
+# check TEXT CONDITION...: a step that is as expected when the condition holds.
+check() {
+    local text=$1
+    shift
+    steps=$((steps + 1))
+    if "$@"; then
+        printf '  %sok%s    %s\n' "$green" "$plain" "$text"
+    else
+        wrong=$((wrong + 1))
+        printf '  %sWRONG%s %s\n' "$red" "$plain" "$text"
+    fi
+}
+
+# try COMMAND...: shows and runs one of the programs; its output is in $output, its exit code in $code.
+try() {
+    printf '%s$ %s%s\n' "$dim" "$*" "$plain"
+    code=0
+    output=$("$bin/$1" "${@:2}" 2>&1) || code=$?
+}
+
+# show LINES: the first lines of what was printed.
+show() {
+    local count
+    count=$(wc -l <<<"$output")
+    head -n "$1" <<<"$output" | cut -c1-110 | sed 's/^/  /'
+    ((count <= $1)) || printf '  %s... %d lines in all%s\n' "$dim" "$count" "$plain"
+}
+
+equal() {
+    [[ $1 == "$2" ]] && return
+    printf '        found: %s\n        expected: %s\n' "$1" "$2"
+    return 1
+}
+
+leave() {
+    local result=$?
+    trap - EXIT INT TERM
+    if $is_up; then
+        "$bin/tamo_node" down "$directory" || result=1
+    fi
+    if ((result == 0)); then
+        rm -rf "$directory"
+    else
+        echo "The node's files are kept in $directory (log: $directory/log)" >&2
+    fi
+    exit "$result"
+}
+
+boot() {
+    directory=$(mktemp -d /tmp/tamo_run.XXXXXX)
+    trap leave EXIT
+    trap 'exit 130' INT TERM
+    title "A simulated node boots"
+    try tamo_node up "$directory"
+    show 30
+    check "the node is up and ready" equal "$code" 0
+    ((code == 0)) || exit 1
+    is_up=true
+    eval "$("$bin/tamo_node" env "$directory")"
+}
+
+# Values as they come back from the service, one object a line; keys sorted, defaults filled in.
+normal_form() {
+    jq -cS '{dn, MOInstance: (.MOInstance // 1), isMOMObject: (if .isMOMObject == null then true else .isMOMObject end),
+             system: (.system // false),
+             attributes: ((.attributes // {}) | map_values({type, value, persistent: (.persistent // false),
+                                                            hidden: (.hidden // false)}))}' "$1" | sort
+}
+
+load() {
+    title "A small cell's tree is loaded by request messages"
+    printf '%s$ tamoctl import %s%s\n' "$dim" "$tree" "$plain"
+    code=0
+    local from=$EPOCHREALTIME
+    "$bin/tamoctl" import "$tree" || code=$?
+    load_seconds=$(jq -n "$EPOCHREALTIME - $from")
+    check "every object was taken" equal "$code" 0
+    ((code == 0)) || exit 1
+}
+
+stay() {
+    cat <<TEXT
+
+The node stays up in $directory until Ctrl-C. In another terminal:
+
+  cd $PWD && eval \$($bin/tamo_node env $directory)
+  $bin/tamoctl tree ManagedElement=1,FAPService=1
+  $bin/tamoctl get ManagedElement=1
+  $bin/tamoctl set ManagedElement=1 userLabel=mine
+
+TEXT
+    trap 'echo; stopped=true' INT TERM
+    stopped=false
+    until $stopped; do
+        sleep 1 || true
+        [[ $("$bin/tamo_node" status "$directory" | jq -r .state) == up ]] || break
+    done
+    trap '' INT TERM # from here on the stop runs to its end
+    if ! $stopped; then
+        is_up=false
+        echo "The node has ended by itself:" >&2
+        "$bin/tamo_node" status "$directory" >&2
+        exit 1
+    fi
+    stop
+    ((wrong == 0)) || exit 1
+}
+
+tour() {
+    read_back
+    look_around
+    change
+    delete
+}
+
+read_back() {
+    title "The tree is read back and compared"
+    printf '%s$ tamoctl export ManagedElement=1%s\n' "$dim" "$plain"
+    "$bin/tamoctl" export ManagedElement=1 >"$directory/export.jsonl"
+    objects=$(wc -l <"$directory/export.jsonl")
+    attributes=$(jq -s 'map(.attributes | length) | add' "$directory/export.jsonl")
+    check "$objects objects, as in $tree" equal "$objects" "$(wc -l <"$tree")"
+    check "every object and value is the one that was loaded" \
+        diff -q <(normal_form "$tree") <(normal_form "$directory/export.jsonl")
+}
+
+look_around() {
+    title "Looking around"
+    try tamoctl tree ManagedElement=1,FAPService=1
+    show 8
+    check "a part of the tree" equal "$code" 0
+    try tamoctl get ManagedElement=1
+    show 12
+    check "one object" equal "$code" 0
+    try tamoctl get ManagedElement=1 userLabel
+    check "one value: $output" equal "$output" node
+    try tamoctl --json class FAPService
+    show 1
+    found=$(jq length <<<"$output")
+    check "all objects of a class: $found" equal "$found" "$(grep -cE '"dn":"([^"]*,)?FAPService=[^",]*"' "$tree")"
+}
+
+change() {
+    title "Changing a value"
+    try tamoctl set ManagedElement=1 "userLabel=It's a node"
+    check "the service took it" equal "$code" 0
+    try tamoctl get ManagedElement=1 userLabel
+    check "and holds it now: $output" equal "$output" "It's a node"
+}
+
+delete() {
+    title "Deleting: not while another object refers to it"
+    try tamoctl insert ManagedElement=1,Antenna=1 reservedBy:text=
+    check "an antenna" equal "$code" 0
+    try tamoctl insert ManagedElement=1,Sector=1 antennaRef:reference=ManagedElement=1,Antenna=1
+    check "a sector that refers to it" equal "$code" 0
+    try tamoctl get ManagedElement=1,Antenna=1 reservedBy
+    check "the service keeps the other direction: $output" equal "$output" ManagedElement=1,Sector=1
+    try tamoctl delete ManagedElement=1,Antenna=1
+    show 3
+    check "deleting the antenna is refused" equal "$code" 1
+    try tamoctl exists ManagedElement=1,Antenna=1
+    check "it is still there" equal "$code" 0
+    try tamoctl delete ManagedElement=1,Sector=1
+    check "the sector can go" equal "$code" 0
+    try tamoctl delete ManagedElement=1,Antenna=1
+    check "then the antenna can go" equal "$code" 0
+    try tamoctl exists ManagedElement=1,Antenna=1
+    check "and is gone" equal "$code" 3
+}
+
+stop() {
+    title "The node stops in order"
+    "$bin/tamoctl" export ManagedElement=1 | wc -l >"$directory/left"
+    "$bin/tamo_node" status "$directory" >"$directory/status"
+    try tamo_node down "$directory"
+    is_up=false
+    show 5
+    check "the service ended by itself, with exit code 0" equal "$code" 0
+}
+
+summary() {
+    title "Summary"
+    cat <<TEXT
+  objects read back       $objects
+  attributes read back    $attributes
+  load time               $(printf '%.2f' "$load_seconds") s ($(jq -n "$objects / $load_seconds | floor") objects/s, one request each)
+  objects at the end      $(<"$directory/left")
+  faults, resets          $(jq '.faults | length' "$directory/status"), $(jq '.resets | length' "$directory/status")
+  node's /tmp, /dev/shm   $(jq -r .isolation "$directory/status")
+  steps as expected       $((steps - wrong)) of $steps
+  time                    $((SECONDS - begin)) s
+  programs                $bin
+TEXT
+    ((wrong == 0)) || exit 1
+    echo
+    echo "${green}Everything as expected.${plain} Try ./run --stay, ./test, and README.md."
+}

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "platform/framework/ActiveStateMachine.h"
+
+#include <string>
+
+/// The states of the request service: it listens until it is told to terminate.
+class DatabaseWrapper_StateMachine : public TAMO::Framework::ActiveStateMachine {
+public:
+    static constexpr int stListening = 2000;
+    static constexpr int stFinal = 1999;
+
+    explicit DatabaseWrapper_StateMachine(const std::string& threadName)
+        : ActiveStateMachine(stListening, stFinal, threadName)
+    {
+    }
+
+    bool dispatch(TAMO::Framework::Event& event) override;
+    void enterState(int newState) override;
+    void exitState() override;
+
+protected:
+    virtual void enterListening() = 0;
+    virtual void exitListening() = 0;
+    virtual void processEvent(TAMO::Framework::MessageEvent& event) = 0;
+};

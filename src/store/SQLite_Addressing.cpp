@@ -1,0 +1,360 @@
+// From distinguished names to object ids and back. A path is followed pair by pair: one nested
+// statement for all of them overflows SQLite's parser stack at eleven pairs.
+
+#include "store/SQLite.h"
+
+#include "store/Statement.h"
+
+#include "platform/middleware/Log.h"
+#include "values/DistinguishedName.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <ctime>
+
+namespace {
+
+/// Longer chains of parents are taken for a damaged file's ring.
+constexpr int maxLevels = 100000;
+
+constexpr const char* noName = "unInitialised";
+
+bool isError(int result) { return result != SQLITE_OK && result != SQLITE_ROW && result != SQLITE_DONE; }
+
+/// `pair` for use inside a text in quotes: quotes doubled, and for a pattern everything but % plain.
+std::string escaped(const std::string& pair, bool pattern)
+{
+    std::string out;
+    for (const char c : pair) {
+        if (c == '\'')
+            out += '\'';
+        if (pattern && (c == '_' || c == '\\'))
+            out += '\\';
+        out += c;
+    }
+    return out;
+}
+
+std::string condition(const std::string& pair)
+{
+    if (pair.find('%') == std::string::npos)
+        return "dn = '" + escaped(pair, false) + "'";
+    return "dn like '" + escaped(pair, true) + "%' escape '\\' and dn not like '%:%'";
+}
+
+} // namespace
+
+std::vector<std::string> SQLite::tokenize_dn(const std::string& dn) const
+{
+    std::vector<std::string> tokens;
+    const auto inside = [&](char separator) {
+        const std::size_t at = dn.find(separator);
+        return at != std::string::npos && at != 0;
+    };
+    if (!inside(',') && !inside('='))
+        return tokens;
+    for (std::size_t begin = 0; begin <= dn.size();) {
+        const std::size_t end = std::min(dn.find_first_of(",=", begin), dn.size());
+        if (end > begin)
+            tokens.push_back(dn.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    if (!tokens.empty())
+        LOG_DEBUG("SQLite::%s, dn: '%s' tokenized successfully", __func__, dn.c_str());
+    return tokens;
+}
+
+std::string SQLite::get_object_name(const std::string& dn, bool wantClass) const
+{
+    std::vector<std::string> tokens = tokenize_dn(dn);
+    if (shutDownOngoing(__func__))
+        return {};
+    if (tokens.empty()) {
+        LOG_ERROR("SQLite::%s, Error fetching object name!", __func__);
+        return noName;
+    }
+    if (wantClass) {
+        tokens.pop_back();
+        if (tokens.empty()) {
+            LOG_ERROR("SQLite::%s, Error fetching object name, dn: '%s' not valid!", __func__, dn.c_str());
+            return noName;
+        }
+    }
+    LOG_DEBUG("SQLite::%s, Object name found: '%s'", __func__, tokens.back().c_str());
+    return tokens.back();
+}
+
+bool SQLite::splitDnPath(const std::string& dn, std::vector<std::string>& pairs) const
+{
+    pairs = splitPairs(dn);
+    return pairs.size() >= 2;
+}
+
+std::string SQLite::createSelectIdSql(const std::vector<std::string>& pairs) const
+{
+    if (pairs.empty()) {
+        LOG_DEBUG("SQLite::%s() dn_path was empty, returning empty string.", __func__);
+        return {};
+    }
+    std::string sql = "select id from DBObject where " + condition(pairs.back());
+    for (auto pair = pairs.rbegin() + 1; pair != pairs.rend(); ++pair)
+        sql += " and parent = (select id from DBObject where " + condition(*pair);
+    sql.append(pairs.size() - 1, ')');
+    LOG_DEBUG("SQLite::%s() returning %s", __func__, sql.c_str());
+    return sql;
+}
+
+void SQLite::forgetLookups()
+{
+    m_lastDn.clear();
+    m_lastId = 0;
+    forgetWholeDn();
+}
+
+void SQLite::forgetWholeDn()
+{
+    m_lastWholeDnId = 0;
+    m_lastWholeDn.clear();
+}
+
+std::optional<SQLite::ObjectRow> SQLite::objectRow(std::int32_t objectId, int& result)
+{
+    Statement row(m_runtime, "select * from DBObject where id = %d", objectId);
+    result = row.step();
+    if (result != SQLITE_ROW)
+        return std::nullopt;
+    return ObjectRow{row.integer(0), row.integer(1),      std::string(row.text(2)),
+                     row.integer(3), row.integer(4) != 0, row.integer(5) != 0};
+}
+
+std::optional<SQLite::ObjectRow> SQLite::objectRow(std::int32_t objectId)
+{
+    int result = SQLITE_OK;
+    return objectRow(objectId, result);
+}
+
+/// Row ids are used again after a delete, and the DN alone does not tell instances or parents apart.
+bool SQLite::cachedIdStands(const std::vector<std::string>& pairs, const std::string& dn, std::int32_t MOInstance,
+                            std::int32_t parentId)
+{
+    const auto row = objectRow(m_lastId);
+    if (!row || pairs.empty())
+        return false;
+    if (pairs.size() > 1)
+        return row->dn == pairs.back() || row->dn == dn;
+    return row->dn == pairs.back() && row->MOInstance == MOInstance && (parentId == 0 || row->parent == parentId);
+}
+
+std::int32_t SQLite::findSinglePair(const std::string& pair, std::int32_t MOInstance, std::int32_t parentId,
+                                    int& result)
+{
+    // Below the root first: that look-up has an index, and it is what a single pair nearly always means.
+    Statement child(m_runtime, "select id from DBObject where parent = %d and dn = %Q and MOInstance = %d", parentId,
+                    pair.c_str(), MOInstance);
+    result = child.step();
+    if (result == SQLITE_ROW && child.integer(0) != 0)
+        return child.integer(0);
+    if (parentId != 0 || isError(result))
+        return 0;
+    Statement anywhere(m_runtime, "select id from DBObject where dn = %Q and MOInstance = %d", pair.c_str(),
+                       MOInstance);
+    result = anywhere.step();
+    return result == SQLITE_ROW ? anywhere.integer(0) : 0;
+}
+
+/// Walks down from an object along the pairs from index `first`; 0 where the path ends.
+std::int32_t SQLite::followPairs(std::int32_t fromId, const std::vector<std::string>& pairs, std::size_t first,
+                                 int& result)
+{
+    std::int32_t id = fromId;
+    for (std::size_t i = first; i < pairs.size(); ++i) {
+        Statement child(m_runtime, "select id from DBObject where parent=%d and dn=%Q", id, pairs[i].c_str());
+        result = child.step();
+        id = result == SQLITE_ROW ? child.integer(0) : 0;
+        if (id == 0)
+            return 0;
+    }
+    return id;
+}
+
+std::int32_t SQLite::findPath(const std::vector<std::string>& pairs, int& result)
+{
+    if (const std::int32_t id = followPairs(0, pairs, 0, result); id != 0 || isError(result))
+        return id;
+    Statement starts(m_runtime, "select id from DBObject where dn = %Q and parent != 0", pairs.front().c_str());
+    while (starts.next())
+        if (const std::int32_t id = followPairs(starts.integer(0), pairs, 1, result); id != 0 || isError(result))
+            return id;
+    result = starts.result();
+    return 0;
+}
+
+std::int32_t SQLite::get_object_id(const std::string& dn, std::int32_t MOInstance, std::int32_t parentId)
+{
+    if (unavailable(__func__))
+        return 0;
+    std::vector<std::string> pairs;
+    const bool severalPairs = splitDnPath(dn, pairs);
+    if (m_lastId != 0 && dn == m_lastDn) {
+        if (cachedIdStands(pairs, dn, MOInstance, parentId)) {
+            LOG_DEBUG("SQLite::%s() Dn was same as previous(%s), returning object id %d", __func__, dn.c_str(),
+                      m_lastId);
+            return m_lastId;
+        }
+        LOG_DEBUG("SQLite::%s() Dn was same as previous(%s), but object id has changed (was %d). Fetching new id.",
+                  __func__, dn.c_str(), m_lastId);
+    }
+    if (pairs.empty())
+        pairs.push_back(dn);
+    int result = SQLITE_OK;
+    std::int32_t id = 0;
+    if (severalPairs) {
+        LOG_DEBUG("SQLite:1 dnpath size: %d", static_cast<int>(pairs.size()));
+        id = findPath(pairs, result);
+        if (id == 0 && !isError(result))
+            id = findSinglePair(dn, MOInstance, parentId, result); // an object whose own pair holds commas
+    } else {
+        id = findSinglePair(pairs.front(), MOInstance, parentId, result);
+    }
+    if (isError(result)) {
+        LOG_ERROR("SQLite::%s, Failed to fetch object id from database, sql error %d", __func__, result);
+        doIntegrityCheck();
+        return 0;
+    }
+    if (id == 0) {
+        LOG_DEBUG("SQLite::%s, Object id not found from database", __func__);
+        return 0;
+    }
+    LOG_DEBUG("SQLite::%s, Object id found from database: %d (dn:%s)", __func__, id, dn.c_str());
+    m_lastDn = dn;
+    m_lastId = id;
+    return id;
+}
+
+std::int32_t SQLite::get_object_id_with_parent(const std::string& pair, std::int32_t parentId)
+{
+    Statement child(m_runtime, "select id from DBObject where parent=%d and dn=%Q", parentId, pair.c_str());
+    const int result = child.step();
+    if (result == SQLITE_ROW) {
+        const std::int32_t id = child.integer(0);
+        LOG_DEBUG("SQLite::%s, Object id found from database: %d (dn:%s)", __func__, id, pair.c_str());
+        return id;
+    }
+    if (isError(result)) {
+        LOG_ERROR("SQLite::%s, Failed to fetch object id from database, sql error %d", __func__, result);
+        doIntegrityCheck();
+    } else {
+        LOG_DEBUG("SQLite::%s, Object id not found from database", __func__);
+    }
+    return 0;
+}
+
+std::string SQLite::get_whole_dn(std::int32_t objectId)
+{
+    if (unavailable(__func__))
+        return " ";
+    if (objectId == m_lastWholeDnId && objectId != 0) {
+        LOG_DEBUG("SQLite::%s: Object id same as previous %d, returning %s", __func__, objectId,
+                  m_lastWholeDn.c_str());
+        return m_lastWholeDn;
+    }
+    LOG_DEBUG("SQLite::%s: Fetching whole dn for object id %d.", __func__, objectId);
+    std::vector<std::string> pairs; // from the object up
+    int result = SQLITE_OK;
+    std::int32_t current = objectId;
+    for (int level = 0; level < maxLevels; ++level) {
+        Statement row(m_runtime, "select parent,dn from DBObject where id=%d", current);
+        result = row.step();
+        if (result != SQLITE_ROW)
+            break;
+        pairs.emplace_back(row.text(1));
+        current = row.integer(0);
+        if (current == 0)
+            break;
+    }
+    if (isError(result)) {
+        LOG_ERROR("SQLite::%s: Error while fetching whole dn. Sqlite error: %d", __func__, result);
+        doIntegrityCheck();
+    }
+    std::string wholeDn;
+    for (auto pair = pairs.rbegin(); pair != pairs.rend(); ++pair)
+        wholeDn.append(wholeDn.empty() ? "" : ",").append(*pair);
+    m_lastWholeDnId = objectId;
+    m_lastWholeDn = wholeDn;
+    LOG_DEBUG("SQLite::%s: Returning %s", __func__, wholeDn.c_str());
+    return wholeDn;
+}
+
+std::string SQLite::get_whole_dn(const std::string& dn, const std::string& parentDn)
+{
+    if (unavailable(__func__))
+        return " ";
+    LOG_DEBUG("SQLite::%s: Fetching whole dn for %s object.", __func__, dn.c_str());
+    const std::int32_t id = get_object_id(joinDn(parentDn, dn), 1);
+    if (id != 0)
+        return get_whole_dn(id);
+    LOG_DEBUG("SQLite::%s: Object %s or parent %s not found from database. Returning empty string.", __func__,
+              dn.c_str(), parentDn.c_str());
+    return {};
+}
+
+bool SQLite::checkIdPresence(std::int32_t objectId)
+{
+    if (objectRow(objectId)) {
+        LOG_DEBUG("SQLite::%s() Object id %d found from db", __func__, objectId);
+        return true;
+    }
+    LOG_DEBUG("SQLite::%s() Object id %d NOT found from db", __func__, objectId);
+    return false;
+}
+
+bool SQLite::idExists(std::int32_t objectId)
+{
+    if (unavailable(__func__))
+        return false;
+    int result = SQLITE_OK;
+    objectRow(objectId, result);
+    if (isError(result)) {
+        LOG_ERROR("SQLite::%s, Error while checking object id from db. Sqlite error: %d", __func__, result);
+        doIntegrityCheck();
+        return true;
+    }
+    return result != SQLITE_DONE;
+}
+
+bool SQLite::updateDn(const std::string& oldDn, const std::string& newDn)
+{
+    LOG_DEBUG("SQLite::%s Updating '%s' to '%s' into database", __func__, oldDn.c_str(), newDn.c_str());
+    if (get_object_id(newDn, 1) != 0) {
+        LOG_DEBUG("SQLite::%s %s already exists in database", __func__, newDn.c_str());
+        return false;
+    }
+    const std::int32_t id = get_object_id(oldDn, 1);
+    if (id == 0) {
+        LOG_DEBUG("SQLite::%s %s not found from database", __func__, oldDn.c_str());
+        return false;
+    }
+    Statement rename(m_runtime, "update DBObject set dn=%Q where id=%d", newDn.c_str(), id);
+    rename.step();
+    forgetLookups();
+    if (!rename.done()) {
+        LOG_ERROR("SQLite:: %s DBObject table update failed! SQLite error %d", __func__, rename.result());
+        doIntegrityCheck();
+        return false;
+    }
+    return true;
+}
+
+std::string SQLite::FormatCurrentUtcTime() const
+{
+    constexpr std::size_t expectedLength = 19;
+    const std::time_t now = std::time(nullptr);
+    std::tm utc{};
+    gmtime_r(&now, &utc);
+    char text[32];
+    const std::size_t length = std::strftime(text, sizeof text, "%F %T", &utc);
+    if (length != expectedLength)
+        LOG_ERROR("SQLite::%s() string length not 19", __func__);
+    return {text, length};
+}

@@ -1,0 +1,192 @@
+// Removing an object with everything below it, or one attribute. What something outside still
+// refers to stays.
+
+#include "store/SQLite.h"
+
+#include "store/ChangeSink.h"
+#include "store/OwnTransaction.h"
+#include "store/Statement.h"
+
+#include "platform/middleware/Log.h"
+#include "platform/utility/Toolbox.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+
+bool SQLite::delete_object(const std::string& dn, std::int32_t MOInstance, bool inTransaction,
+                           const std::string& client)
+{
+    LOG_DEBUG("SQLite::%s, Deleting object '%s' from database by %s", __func__, dn.c_str(), client.c_str());
+    if (unavailable(__func__))
+        return false;
+    const std::int32_t id = get_object_id(dn, MOInstance);
+    if (id == 0) {
+        LOG_DEBUG("SQLite::%s, Cannot delete '%s', it does not exist in database", __func__, dn.c_str());
+        return false;
+    }
+    std::vector<std::int32_t> ids;
+    constexpr bool skipStructs = true;
+    getAllChildIds(dn, MOInstance, ids, skipStructs, id);
+    std::vector<std::string> below;
+    for (const std::int32_t child : ids)
+        below.push_back(get_whole_dn(child));
+    std::vector<ReferenceRow> references;
+    referenceRows(references);
+    for (const std::string& child : below)
+        if (blocksDeletion(references, child, below)) {
+            LOG_DEBUG("SQLite::%s, Reference to a child(%s) of %s exists.. cannot delete", __func__, child.c_str(),
+                      dn.c_str());
+            return false;
+        }
+    if (blocksDeletion(references, get_whole_dn(id), below)) {
+        LOG_DEBUG("SQLite::%s, Reference to %s exist.. cannot delete", __func__, dn.c_str());
+        return false;
+    }
+    ids.push_back(id);
+    for (const std::int32_t each : ids)
+        removeReference(each, inTransaction);
+    OwnTransaction transaction(*this, inTransaction);
+    if (!transaction)
+        return false;
+    if (transaction.isOwn())
+        LOG_DEBUG("SQLite::%s, Single delete", __func__);
+    for (const std::int32_t each : ids)
+        announceDeletion(each);
+    const int result = deleteRows(id);
+    forgetLookups();
+    if (result != SQLITE_DONE) {
+        LOG_ERROR("SQLite::%s, Error while deleting object '%s' by %s! SQLite error: %d", __func__, dn.c_str(),
+                  client.c_str(), result);
+        transaction.abandon();
+        doIntegrityCheck();
+        return false;
+    }
+    if (transaction.isOwn()) // a joined delete leaves the collecting to its caller
+        transaction.finish();
+    LOG_DEBUG("SQLite::%s, Object '%s' deleted from database by %s", __func__, dn.c_str(), client.c_str());
+    return true;
+}
+
+void SQLite::announceDeletion(std::int32_t objectId)
+{
+    if (!m_sink)
+        return;
+    if (const auto object = sql_get_object(objectId, "delete_object"))
+        m_sink->objectGoes(*object);
+}
+
+/// Deletes the row, and with it what hangs below; SQLITE_DONE on success.
+int SQLite::deleteRows(std::int32_t objectId)
+{
+    Statement remove(m_runtime, "delete from DBObject where id = %d", objectId);
+    const int result = remove.step();
+    // SQLite follows 1,000 levels of cascades and undoes the statement when there are more.
+    return result == SQLITE_ERROR ? deleteDeepestFirst(objectId) : result;
+}
+
+int SQLite::deleteDeepestFirst(std::int32_t objectId)
+{
+    std::vector<std::int32_t> ids;
+    constexpr bool everything = false;
+    getAllChildIds({}, 1, ids, everything, objectId); // parents before children
+    ids.insert(ids.begin(), objectId);
+    int result = SQLITE_DONE;
+    for (auto id = ids.rbegin(); id != ids.rend() && result == SQLITE_DONE; ++id) {
+        Statement remove(m_runtime, "delete from DBObject where id = %d", *id);
+        result = remove.step();
+    }
+    return result;
+}
+
+/// All reference attributes that name somebody; false, dealt with, when they could not be read.
+bool SQLite::referenceRows(std::vector<ReferenceRow>& rows)
+{
+    const char* const operation = "checkReference";
+    Statement read(m_runtime,
+                   "select value, belongsTo from Attribute where name is not %Q and (value_type = 11 or value_type = 31)",
+                   "reservedBy");
+    while (read.next()) {
+        if (read.isNull(0)) {
+            LOG_DEBUG("SQLite::%s: sqlite3_column_text returned NULL! ", operation);
+            continue;
+        }
+        ReferenceRow row{std::string(read.text(0)), read.integer(1)};
+        LOG_DEBUG("SQLite::%s: Fetched reference '%s' ", operation, row.value.c_str());
+        if (!row.value.empty())
+            rows.push_back(std::move(row));
+    }
+    if (read.done())
+        return true;
+    LOG_ERROR("SQLite::%s: Error while checking references. Sqlite error: %d", operation, read.result());
+    doIntegrityCheck();
+    return false;
+}
+
+bool SQLite::checkReference(const std::string& wholeDn, const std::vector<std::string>& deletedDns)
+{
+    std::vector<ReferenceRow> rows;
+    return referenceRows(rows) && blocksDeletion(rows, wholeDn, deletedDns);
+}
+
+bool SQLite::blocksDeletion(const std::vector<ReferenceRow>& rows, const std::string& wholeDn,
+                            const std::vector<std::string>& deletedDns)
+{
+    const char* const operation = "checkReference";
+    LOG_DEBUG("SQLite::%s, Check if reference %s exist", operation, wholeDn.c_str());
+    for (const ReferenceRow& row : rows) {
+        std::vector<std::string> named;
+        if (!Toolbox::readStringToList(row.value, ';', named, true)) {
+            LOG_ERROR("SQLite::%s cannot parse readStringToList ", operation);
+            return false;
+        }
+        for (const std::string& dn : named) {
+            if (dn != wholeDn)
+                continue;
+            LOG_INFO("SQLite::%s: reference to the dn '%s' found, check if referense will be deleted also", operation,
+                     wholeDn.c_str());
+            if (!deletedDns.empty()) {
+                const std::string holder = get_whole_dn(row.belongsTo);
+                LOG_INFO("SQLite::%s: parent dn '%s'", operation, holder.c_str());
+                if (std::find(deletedDns.begin(), deletedDns.end(), holder) != deletedDns.end()) {
+                    LOG_INFO("SQLite::%s: parent dn '%s' found from deleted object list", operation, holder.c_str());
+                    continue;
+                }
+            }
+            LOG_INFO("SQLite::%s: reference to the dn '%s' found from the database, CANNOT DELETE", operation,
+                     wholeDn.c_str());
+            return true;
+        }
+    }
+    return false;
+}
+
+bool SQLite::deleteAttribute(const std::string& name, std::int32_t objectId, bool inTransaction)
+{
+    if (unavailable(__func__))
+        return false;
+    LOG_DEBUG("SQLite::%s: Deleting attribute %s from database", __func__, name.c_str());
+    OwnTransaction transaction(*this, inTransaction);
+    if (!transaction)
+        return false;
+    if (transaction.isOwn())
+        LOG_DEBUG("Single attr delete");
+    if (!checkAttributeExistence(name, objectId)) {
+        LOG_DEBUG("SQLite::%s: Cannot delete attribute %s from DB, it does not exist.", __func__, name.c_str());
+        return false;
+    }
+    if (m_sink)
+        if (const auto object = sql_get_object(objectId, "deleteAttribute"))
+            if (const Attribute* const attribute = object->getAttribute(name))
+                m_sink->attributeGoes(*object, *attribute);
+    Statement remove(m_runtime, "delete from Attribute where belongsTo = %d and name = %Q", objectId, name.c_str());
+    remove.step();
+    if (!remove.done()) {
+        LOG_ERROR("SQLite::%s: Error deleting attribute %s from DB", __func__, name.c_str());
+        doIntegrityCheck();
+        return false;
+    }
+    transaction.finish();
+    LOG_DEBUG("SQLite::%s: Attribute %s deleted successfully from database", __func__, name.c_str());
+    return true;
+}

@@ -1,0 +1,132 @@
+// SQLite transactions on the runtime connection, what a commit saves, and the announcements that go
+// with begin, commit and rollback.
+
+#include "store/SQLite.h"
+
+#include "store/ChangeSink.h"
+#include "store/FileLocations.h"
+#include "store/Statement.h"
+
+#include "platform/middleware/Log.h"
+#include "platform/utility/Toolbox.h"
+
+#include <sqlite3.h>
+
+namespace {
+
+constexpr const char* rollbackText = "ROLLBACK TRANSACTION";
+
+/// Runs one transaction statement; SQLite's code, 0 on success.
+int run(Connection* connection, const char* sql)
+{
+    Statement statement(connection, sql);
+    const int result = statement.step();
+    return statement.done() ? SQLITE_OK : result;
+}
+
+const char* errorText(const Connection& connection, int result)
+{
+    return result == SQLITE_OK ? "" : connection.message();
+}
+
+constexpr unsigned dumpMode = 0640;
+const std::string dumpGroup = "prbs_basic_group";
+
+} // namespace
+
+bool SQLite::transactionOpen() const { return m_transactionOpen && m_runtime && m_runtime->inTransaction(); }
+
+bool SQLite::rollbackLeftOver()
+{
+    if (!m_runtime || !m_runtime->inTransaction())
+        return false;
+    LOG_ERROR("SQLite::%s: a transaction was left open, rolling it back", __func__);
+    return sql_rollback_transaction();
+}
+
+bool SQLite::sql_start_transaction()
+{
+    if (unavailable(__func__))
+        return false;
+    if (!m_transactionOpen)
+        rollbackLeftOver();
+    const char* const text = "BEGIN IMMEDIATE TRANSACTION";
+    const int result = run(m_runtime, text);
+    LOG_DEBUG("sql_start_transaction: ret value: %d, msg: %s, buf: %s", result, errorText(*m_runtime, result), text);
+    m_transactionOpen = m_transactionOpen || result == SQLITE_OK;
+    return result == SQLITE_OK;
+}
+
+bool SQLite::sql_rollback_transaction()
+{
+    if (unavailable(__func__))
+        return false;
+    const int result = run(m_runtime, rollbackText);
+    LOG_DEBUG("sql_rollback_transaction: ret value: %d, msg: %s, buf: %s", result, errorText(*m_runtime, result),
+              rollbackText);
+    m_transactionOpen = false;
+    forgetLookups();
+    m_runtime->forgetSchema();
+    // SQLite may have rolled back by itself, on a full disk for instance; nothing is true then either.
+    if (m_sink && (result == SQLITE_OK || !m_runtime->inTransaction()))
+        m_sink->discard();
+    return result == SQLITE_OK;
+}
+
+bool SQLite::sql_commit_transaction()
+{
+    if (unavailable(__func__))
+        return false;
+    const char* const text = "COMMIT TRANSACTION";
+    const int result = run(m_runtime, text);
+    LOG_DEBUG("SQLite::sql_commit_transaction(): ret value: %d, msg: %s, buf: %s", result,
+              errorText(*m_runtime, result), text);
+    if (result == SQLITE_OK)
+        m_transactionOpen = false;
+    else
+        sql_rollback_transaction(); // its writes must not ride on a later commit
+    sql_sendNotifications();
+    saveAfterCommit();
+    return result == SQLITE_OK;
+}
+
+void SQLite::saveAfterCommit()
+{
+    if (!m_databaseDumpEnabled) {
+        const std::string dump = dumpFile();
+        if (CheckIfFileExists(dump) && !removeWithSideFiles(dump))
+            LOG_INFO("DatabaseDump file not removed.");
+        return;
+    }
+    // The permanent, backup and common files are written by their own saves alone.
+    if (namesProtectedFile())
+        return;
+    loadOrSaveDb(Direction::save);
+    if (Toolbox::changeFileAccess(m_databaseFile, dumpMode, dumpGroup))
+        LOG_DEBUG("SQLite::%s Successfully changed file access for file: %s", "sql_commit_transaction",
+                  m_databaseFile.c_str());
+    else
+        LOG_DEBUG("SQLite::%s Could not change file access access for file: %s", "sql_commit_transaction",
+                  m_databaseFile.c_str());
+}
+
+int SQLite::refuseCommit(void* store) { return static_cast<SQLite*>(store)->shutDownOngoing("sql_commitCallback"); }
+
+void SQLite::rowChanged(void* store, int operation, const char*, const char* table, long long rowId)
+{
+    const auto* const self = static_cast<SQLite*>(store);
+    if (self->m_sink && !self->shutDownOngoing("sql_updateCallback"))
+        self->m_sink->rowChanged(operation, table, rowId);
+}
+
+void SQLite::sql_collectDnInstPairs()
+{
+    if (m_sink && !unavailable(__func__))
+        m_sink->collect();
+}
+
+void SQLite::sql_sendNotifications()
+{
+    if (m_sink && !unavailable(__func__))
+        m_sink->deliver();
+}

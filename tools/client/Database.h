@@ -1,0 +1,64 @@
+#pragma once
+
+#include "platform/utility/DBObject.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+class ServiceClient;
+namespace TAMO::Messages {
+class ObjectRequest;
+class ListAnswer;
+} // namespace TAMO::Messages
+
+/// The service's requests as calls. DNs are whole DNs. Writes answer what the service answered;
+/// trouble on the way is a ClientError.
+class Database {
+public:
+    explicit Database(ServiceClient& client) : m_client(client) {}
+
+    /// Null when the object is not there. An object that is there but does not fit in an answer is a
+    /// ClientError (refused).
+    std::unique_ptr<DBObject> fetch(const std::string& dn, std::int32_t instance = 1);
+    /// Null when the attribute, or its object, is not there.
+    std::unique_ptr<Attribute> fetchAttribute(const std::string& dn, const std::string& name);
+    /// Empty also when the object itself is not there. A listing that does not fit in an answer is a
+    /// ClientError (refused), never a part of it.
+    std::vector<std::unique_ptr<DBObject>> children(const std::string& dn, std::int32_t instance = 1);
+    std::vector<std::unique_ptr<DBObject>> objectsOfClass(const std::string& moClass);
+    /// The instances of a class directly below `parentDn`; with "" of those that have no parent. The
+    /// service takes a parent that is not there for "".
+    std::vector<std::string> instances(const std::string& moClass, const std::string& parentDn);
+    bool exists(const std::string& dn, std::int32_t instance = 1);
+    /// Empty when there is no such object.
+    std::string wholeDn(const std::string& dn, const std::string& parentDn);
+
+    /// An object that is there already is updated with the attributes given.
+    [[nodiscard]] bool insert(const DBObject& object);
+    /// Into the common database, which outlives the tree.
+    [[nodiscard]] bool insertCommon(const DBObject& object);
+    /// Writes the attributes that carry the changed flag, all or none.
+    [[nodiscard]] bool update(const DBObject& object);
+    [[nodiscard]] bool remove(const std::string& dn, std::int32_t instance = 1);
+    /// True also when the object has no such attribute.
+    [[nodiscard]] bool removeAttribute(const std::string& dn, const std::string& name);
+    /// `file` is a path on the node.
+    [[nodiscard]] bool createFromTemplate(const std::string& file, const std::string& dn);
+    /// Whether the service has completed its start.
+    bool ready();
+
+private:
+    template <class Request>
+    bool write(const DBObject& object, std::int32_t operation);
+    std::vector<std::unique_ptr<DBObject>> unpack(const TAMO::Messages::ListAnswer& answer, const std::string& what);
+
+    ServiceClient& m_client;
+};
+
+/// An object of that whole DN, without attributes, as a client makes it: the parent's DN split off.
+DBObject newObject(const std::string& wholeDn, std::int32_t instance = 1, bool momObject = true,
+                   bool systemObject = false);
+
+/// An attribute to be written; `type` must fit the value.
+Attribute newAttribute(std::string name, Value value, std::int32_t type, bool persistent = false, bool hidden = false);

@@ -1,0 +1,71 @@
+// A record lock on the node's lock file. It is not inherited by the service that the supervisor starts,
+// unlike flock's, so it ends exactly with the supervisor.
+#include "NodeLock.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+struct flock wholeFile()
+{
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    return lock;
+}
+
+/// By number: the C library's header cannot be used from C++.
+int openProcess(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)); }
+
+} // namespace
+
+NodeLock::~NodeLock()
+{
+    if (m_file >= 0)
+        ::close(m_file);
+}
+
+bool NodeLock::take(std::string& problem)
+{
+    m_file = ::open(m_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (m_file < 0) {
+        problem = "cannot open " + m_path + ": " + std::strerror(errno);
+        return false;
+    }
+    struct flock lock = wholeFile();
+    if (::fcntl(m_file, F_SETLK, &lock) == 0)
+        return true;
+    problem = errno == EACCES || errno == EAGAIN ? "the node is up already"
+                                                 : "cannot lock " + m_path + ": " + std::strerror(errno);
+    return false;
+}
+
+pid_t NodeLock::holder(const std::string& path)
+{
+    const int file = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (file < 0)
+        return 0;
+    struct flock lock = wholeFile();
+    const int result = ::fcntl(file, F_GETLK, &lock);
+    ::close(file);
+    return result == 0 && lock.l_type != F_UNLCK ? lock.l_pid : 0;
+}
+
+bool NodeLock::signalHolder(const std::string& path, int signal)
+{
+    const pid_t pid = holder(path);
+    if (pid <= 0)
+        return false;
+    const int process = openProcess(pid);
+    if (process < 0)
+        return false;
+    // Asked again with the process in hand: the id may have changed owners in between.
+    const bool sent = holder(path) == pid && ::syscall(SYS_pidfd_send_signal, process, signal, nullptr, 0) == 0;
+    ::close(process);
+    return sent;
+}

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <fstream>
+#include <istream>
+#include <string>
+
+/// A text file, or standard input for the name "-", taken line by line.
+class InputFile {
+public:
+    /// Throws a Failure (usage) when the file cannot be read.
+    explicit InputFile(const std::string& path);
+
+    /// The next line that is not blank. False at the end; throws a Failure (usage) when reading fails.
+    bool nextLine(std::string& line);
+    std::uint64_t lineNumber() const { return m_lineNumber; } ///< of the last line given, from 1
+    std::uint64_t bytesRead() const { return m_bytesRead; }
+    std::uint64_t size() const { return m_size; } ///< in bytes; 0 when it is not known
+    const std::string& name() const { return m_name; }
+
+private:
+    std::string m_name;
+    std::ifstream m_file;
+    std::istream& m_input;
+    std::uint64_t m_size = 0;
+    std::uint64_t m_bytesRead = 0;
+    std::uint64_t m_lineNumber = 0;
+};

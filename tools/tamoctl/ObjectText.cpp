@@ -1,0 +1,69 @@
+// Objects in columns, for the screen.
+
+#include "tools/tamoctl/ObjectText.h"
+
+#include "tools/tamoctl/ObjectJson.h"
+#include "tools/tamoctl/TextCoding.h"
+#include "values/ValueType.h"
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
+namespace {
+
+using Row = std::array<std::string, 4>; // name, type, flags, value
+
+std::string flagsOf(const Attribute& attribute)
+{
+    if (attribute.persistent && attribute.hidden)
+        return "persistent hidden";
+    return attribute.persistent ? "persistent" : attribute.hidden ? "hidden" : "";
+}
+
+void addRows(std::vector<Row>& rows, const DBObject::Attributes& attributes, const std::string& suffix)
+{
+    for (const auto& [name, attribute] : attributes)
+        rows.push_back(
+            {printable(name) + suffix, typeName(attribute.type), flagsOf(attribute), jsonValue(attribute.value)});
+}
+
+/// Columns on the screen that a text takes: its UTF-8 characters.
+std::size_t widthOf(const std::string& text)
+{
+    return static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+}
+
+} // namespace
+
+std::string objectText(const DBObject& object, const std::string& dn)
+{
+    std::string text = printable(dn) + "  (instance " + std::to_string(object.MOInstance) +
+                       (object.isMOMObject ? ", MOM" : ", not MOM") + (object.system ? ", system)" : ")");
+    std::vector<Row> rows;
+    addRows(rows, object.attributes, "");
+    addRows(rows, object.alternateAttributes, " (alternate)");
+    std::array<std::size_t, 3> widths{};
+    for (const Row& row : rows)
+        for (std::size_t column = 0; column < widths.size(); ++column)
+            widths[column] = std::max(widths[column], widthOf(row[column]));
+    for (const Row& row : rows) {
+        text += "\n  ";
+        for (std::size_t column = 0; column < widths.size(); ++column)
+            if (widths[column] > 0)
+                text.append(row[column]).append(widths[column] + 2 - widthOf(row[column]), ' ');
+        text += row.back();
+    }
+    return text;
+}
+
+std::string bareValueText(const Value& value)
+{
+    if (const auto* text = std::get_if<std::string>(&value))
+        return *text;
+    std::string json = jsonValue(value);
+    if (json.starts_with('"')) // an infinity
+        json = json.substr(1, json.size() - 2);
+    return json;
+}
