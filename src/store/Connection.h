@@ -9,7 +9,7 @@
 struct sqlite3;
 struct sqlite3_stmt;
 
-/// An open SQLite database with the statements prepared on it. Owns both.
+/// An open SQLite database with the statements prepared on it. Owns both. For one thread at a time.
 class Connection {
 public:
     Connection() = default;

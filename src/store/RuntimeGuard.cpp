@@ -94,7 +94,8 @@ bool RuntimeGuard::lock(const std::string& directory)
     const std::string file = directory + "/tamo_db.lock";
     m_lock = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
     if (m_lock < 0) {
-        LOG_ERROR("Cannot open the lock file %s: %s", file.c_str(), std::strerror(errno));
+        LOG_ERROR("TAMO_DB_RUNTIME_PATH names a directory in which %s cannot be made: %s", file.c_str(),
+                  std::strerror(errno));
         return false;
     }
     if (flock(m_lock, LOCK_EX | LOCK_NB) != 0) {

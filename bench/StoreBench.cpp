@@ -1,0 +1,247 @@
+// The store in-process, beside the same work done by hand-written SQLite calls in the same run: what
+// counts is the ratio. Trees of 1,000, 10,000 and 100,000 objects of ten attributes, 50 below each
+// parent; the dump after each commit is off but where it is what is measured.
+
+#include "BenchDirectory.h"
+
+#include "store/FileLocations.h"
+#include "store/SQLite.h"
+#include "store/SharedLock.h"
+#include "values/ValueType.h"
+
+#include <benchmark/benchmark.h>
+#include <sqlite3.h>
+
+#include <random>
+
+namespace {
+
+constexpr int childrenEach = 50;
+constexpr int attributesEach = 10;
+
+std::string parentDn(int number) { return "ManagedElement=1,Group=" + std::to_string(number / childrenEach); }
+std::string childPair(int number) { return "Item=" + std::to_string(number % childrenEach); }
+
+DBObject item(int number)
+{
+    DBObject object(childPair(number), 1, true, false, 0, 1, parentDn(number), 1);
+    for (int i = 0; i < attributesEach; ++i)
+        object.addAttribute(Attribute(false, "attribute" + std::to_string(i),
+                                      i % 2 ? Value(number + i) : Value("value " + std::to_string(number)), 0, i < 5,
+                                      i % 2 ? IPCData::INT32 : IPCData::STRING, true, false));
+    return object;
+}
+
+void mustSucceed(bool result)
+{
+    if (!result)
+        std::abort();
+}
+
+/// A store with this many items; kept from one benchmark to the next of the same size.
+class Tree {
+public:
+    static SQLite& of(int size)
+    {
+        static std::unique_ptr<Tree> tree;
+        if (!tree || tree->m_size != size) {
+            tree.reset();
+            tree = std::make_unique<Tree>(size);
+        }
+        return SQLite::getInstance();
+    }
+
+    explicit Tree(int size) : m_size(size)
+    {
+        SQLite& store = SQLite::getInstance();
+        store.setDatabaseDumpEnabled(false);
+        store.loadOrSaveDb(SQLite::Direction::load);
+        DBObject root("ManagedElement=1", 1, true, false, 0, 1);
+        store.sql_insert(&root, false, "bench");
+        mustSucceed(store.sql_start_transaction());
+        for (int i = 0; i < size; ++i) {
+            if (i % childrenEach == 0) {
+                DBObject group("Group=" + std::to_string(i / childrenEach), 1, true, false, 0, 1, "ManagedElement=1",
+                               1);
+                mustSucceed(store.sql_insert(&group, true, "bench"));
+            }
+            DBObject object = item(i);
+            mustSucceed(store.sql_insert(&object, true, "bench"));
+        }
+        mustSucceed(store.sql_commit_transaction());
+    }
+    ~Tree() { SQLite::destroyInstance(false); }
+    Tree(const Tree&) = delete;
+    Tree& operator=(const Tree&) = delete;
+
+private:
+    BenchDirectory m_directory;
+    int m_size;
+};
+
+/// Hand-written statements on the store's own connection, the lock held: what SQLite itself costs.
+class ByHand {
+public:
+    explicit ByHand(SQLite& store) : m_handle(store.runtime()->handle())
+    {
+        m_child = prepare("select id from DBObject where parent = ?1 and dn = ?2");
+        m_object = prepare("select * from DBObject where id = ?1");
+        m_attributes = prepare("select * from Attribute where belongsTo = ?1");
+    }
+    ~ByHand()
+    {
+        for (sqlite3_stmt* statement : {m_child, m_object, m_attributes})
+            sqlite3_finalize(statement);
+    }
+    ByHand(const ByHand&) = delete;
+    ByHand& operator=(const ByHand&) = delete;
+
+    int fetch(int number)
+    {
+        int id = child(0, "ManagedElement=1");
+        id = child(id, "Group=" + std::to_string(number / childrenEach));
+        id = child(id, childPair(number));
+        sqlite3_bind_int(m_object, 1, id);
+        sqlite3_step(m_object);
+        int seen = sqlite3_column_bytes(m_object, 2);
+        sqlite3_reset(m_object);
+        sqlite3_bind_int(m_attributes, 1, id);
+        while (sqlite3_step(m_attributes) == SQLITE_ROW)
+            seen += sqlite3_column_bytes(m_attributes, 2) + sqlite3_column_int(m_attributes, 4);
+        sqlite3_reset(m_attributes);
+        return seen;
+    }
+
+private:
+    sqlite3_stmt* prepare(const char* sql)
+    {
+        sqlite3_stmt* statement = nullptr;
+        mustSucceed(sqlite3_prepare_v2(m_handle, sql, -1, &statement, nullptr) == SQLITE_OK);
+        return statement;
+    }
+    int child(int parent, const std::string& pair)
+    {
+        sqlite3_bind_int(m_child, 1, parent);
+        sqlite3_bind_text(m_child, 2, pair.c_str(), -1, SQLITE_TRANSIENT);
+        mustSucceed(sqlite3_step(m_child) == SQLITE_ROW);
+        const int id = sqlite3_column_int(m_child, 0);
+        sqlite3_reset(m_child);
+        return id;
+    }
+
+    sqlite3* m_handle;
+    sqlite3_stmt* m_child;
+    sqlite3_stmt* m_object;
+    sqlite3_stmt* m_attributes;
+};
+
+class Numbers {
+public:
+    explicit Numbers(int size) : m_range(0, size - 1) {}
+    int next() { return m_range(m_engine); }
+
+private:
+    std::mt19937 m_engine{1};
+    std::uniform_int_distribution<int> m_range;
+};
+
+int sizeOf(const benchmark::State& state) { return static_cast<int>(state.range(0)); }
+
+void fetchByHand(benchmark::State& state)
+{
+    SQLite& store = Tree::of(sizeOf(state));
+    ByHand byHand(store);
+    Numbers numbers(sizeOf(state));
+    for (auto _ : state) {
+        const SharedLock lock(store.runtime());
+        benchmark::DoNotOptimize(byHand.fetch(numbers.next()));
+    }
+}
+
+void fetch(benchmark::State& state)
+{
+    SQLite& store = Tree::of(sizeOf(state));
+    Numbers numbers(sizeOf(state));
+    for (auto _ : state) {
+        const int number = numbers.next();
+        const SharedLock lock(store.runtime());
+        benchmark::DoNotOptimize(store.sql_get_object(parentDn(number) + "," + childPair(number), 1, "bench"));
+    }
+}
+
+void update(benchmark::State& state)
+{
+    SQLite& store = Tree::of(sizeOf(state));
+    Numbers numbers(sizeOf(state));
+    std::int32_t value = 1000000;
+    for (auto _ : state) {
+        const int number = numbers.next();
+        DBObject change(childPair(number), 1, true, false, 0, 1, parentDn(number), 1);
+        change.addAttribute(Attribute(false, "attribute1", ++value, 0, true, IPCData::INT32, true, false));
+        const SharedLock lock(store.runtime());
+        mustSucceed(store.sql_update(&change, false, "bench"));
+    }
+}
+
+void insert(benchmark::State& state)
+{
+    SQLite& store = Tree::of(sizeOf(state));
+    static int instance = 0;
+    for (auto _ : state) {
+        DBObject object = item(0);
+        object.dn = "New=" + std::to_string(++instance);
+        const SharedLock lock(store.runtime());
+        mustSucceed(store.sql_insert(&object, false, "bench"));
+    }
+}
+
+void children(benchmark::State& state)
+{
+    SQLite& store = Tree::of(sizeOf(state));
+    Numbers numbers(sizeOf(state));
+    for (auto _ : state) {
+        // Group 0 is where the inserts of this run go.
+        const int number = childrenEach + numbers.next() % (sizeOf(state) - childrenEach);
+        const SharedLock lock(store.runtime());
+        const auto found = store.get_all_children(parentDn(number), 1);
+        mustSucceed(found.size() == childrenEach);
+    }
+}
+
+void dumpSave(benchmark::State& state)
+{
+    SQLite& store = Tree::of(sizeOf(state));
+    store.setDatabaseFile(dumpFile());
+    for (auto _ : state)
+        mustSucceed(store.loadOrSaveDb(SQLite::Direction::save) == SQLITE_OK);
+}
+
+void copyByHand(benchmark::State& state, const char* pragmas)
+{
+    SQLite& store = Tree::of(sizeOf(state));
+    const std::string file = dumpFile() + ".by-hand";
+    for (auto _ : state) {
+        Connection target;
+        mustSucceed(target.open(file, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, 100) == SQLITE_OK);
+        target.execute(pragmas);
+        sqlite3_backup* const copy =
+            sqlite3_backup_init(target.handle(), "main", store.runtime()->handle(), "main");
+        sqlite3_backup_step(copy, -1);
+        mustSucceed(sqlite3_backup_finish(copy) == SQLITE_OK);
+    }
+}
+
+} // namespace
+
+BENCHMARK(fetchByHand)->Arg(1000)->Arg(10000)->Arg(100000);
+BENCHMARK(fetch)->Arg(1000)->Arg(10000)->Arg(100000);
+BENCHMARK(children)->Arg(1000)->Arg(10000)->Arg(100000);
+BENCHMARK(update)->Arg(1000)->Arg(10000)->Arg(100000);
+BENCHMARK_CAPTURE(copyByHand, defaults, "")->Arg(10000)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(copyByHand, noJournalNoSync, "PRAGMA journal_mode = OFF; PRAGMA synchronous = OFF;")
+    ->Arg(10000)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(dumpSave)->Arg(10000)->Unit(benchmark::kMillisecond);
+BENCHMARK(insert)->Arg(1000)->Arg(10000)->Arg(100000)->Iterations(5000);
+
+BENCHMARK_MAIN();
