@@ -152,7 +152,7 @@ void fetchByHand(benchmark::State& state)
     SQLite& store = Tree::of(sizeOf(state));
     ByHand byHand(store);
     Numbers numbers(sizeOf(state));
-    for (auto _ : state) {
+    for ([[maybe_unused]] const auto _ : state) {
         const SharedLock lock(store.runtime());
         benchmark::DoNotOptimize(byHand.fetch(numbers.next()));
     }
@@ -162,7 +162,7 @@ void fetch(benchmark::State& state)
 {
     SQLite& store = Tree::of(sizeOf(state));
     Numbers numbers(sizeOf(state));
-    for (auto _ : state) {
+    for ([[maybe_unused]] const auto _ : state) {
         const int number = numbers.next();
         const SharedLock lock(store.runtime());
         benchmark::DoNotOptimize(store.sql_get_object(parentDn(number) + "," + childPair(number), 1, "bench"));
@@ -174,7 +174,7 @@ void update(benchmark::State& state)
     SQLite& store = Tree::of(sizeOf(state));
     Numbers numbers(sizeOf(state));
     std::int32_t value = 1000000;
-    for (auto _ : state) {
+    for ([[maybe_unused]] const auto _ : state) {
         const int number = numbers.next();
         DBObject change(childPair(number), 1, true, false, 0, 1, parentDn(number), 1);
         change.addAttribute(Attribute(false, "attribute1", ++value, 0, true, IPCData::INT32, true, false));
@@ -187,7 +187,7 @@ void insert(benchmark::State& state)
 {
     SQLite& store = Tree::of(sizeOf(state));
     static int instance = 0;
-    for (auto _ : state) {
+    for ([[maybe_unused]] const auto _ : state) {
         DBObject object = item(0);
         object.dn = "New=" + std::to_string(++instance);
         const SharedLock lock(store.runtime());
@@ -199,7 +199,7 @@ void children(benchmark::State& state)
 {
     SQLite& store = Tree::of(sizeOf(state));
     Numbers numbers(sizeOf(state));
-    for (auto _ : state) {
+    for ([[maybe_unused]] const auto _ : state) {
         // Group 0 is where the inserts of this run go.
         const int number = childrenEach + numbers.next() % (sizeOf(state) - childrenEach);
         const SharedLock lock(store.runtime());
@@ -212,7 +212,7 @@ void dumpSave(benchmark::State& state)
 {
     SQLite& store = Tree::of(sizeOf(state));
     store.setDatabaseFile(dumpFile());
-    for (auto _ : state)
+    for ([[maybe_unused]] const auto _ : state)
         mustSucceed(store.loadOrSaveDb(SQLite::Direction::save) == SQLITE_OK);
 }
 
@@ -220,12 +220,11 @@ void copyByHand(benchmark::State& state, const char* pragmas)
 {
     SQLite& store = Tree::of(sizeOf(state));
     const std::string file = dumpFile() + ".by-hand";
-    for (auto _ : state) {
+    for ([[maybe_unused]] const auto _ : state) {
         Connection target;
         mustSucceed(target.open(file, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, 100) == SQLITE_OK);
         target.execute(pragmas);
-        sqlite3_backup* const copy =
-            sqlite3_backup_init(target.handle(), "main", store.runtime()->handle(), "main");
+        sqlite3_backup* const copy = sqlite3_backup_init(target.handle(), "main", store.runtime()->handle(), "main");
         sqlite3_backup_step(copy, -1);
         mustSucceed(sqlite3_backup_finish(copy) == SQLITE_OK);
     }

@@ -95,6 +95,8 @@ load() {
     ((code == 0)) || exit 1
 }
 
+node_is_up() { [[ $("$bin/tamo_node" status "$directory" | jq -r .state) == up ]]; }
+
 stay() {
     cat <<TEXT
 
@@ -106,14 +108,13 @@ The node stays up in $directory until Ctrl-C. In another terminal:
   $bin/tamoctl set ManagedElement=1 userLabel=mine
 
 TEXT
-    trap 'echo; stopped=true' INT TERM
+    trap 'stopped=true' INT TERM
     stopped=false
-    until $stopped; do
+    while ! $stopped && node_is_up; do
         sleep 1 || true
-        [[ $("$bin/tamo_node" status "$directory" | jq -r .state) == up ]] || break
     done
     trap '' INT TERM # from here on the stop runs to its end
-    if ! $stopped; then
+    if ! node_is_up; then # asked again: Ctrl-C may have hit the question
         is_up=false
         echo "The node has ended by itself:" >&2
         "$bin/tamo_node" status "$directory" >&2

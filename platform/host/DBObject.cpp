@@ -84,10 +84,10 @@ void packObject(Packer& packer, const DBObject& object)
 std::unique_ptr<DBObject> toObject(const msgpack::object& packed)
 {
     const msgpack::object* part = elements(packed, objectFields);
-    auto object = std::make_unique<DBObject>(toText(part[2]), toInteger<std::int32_t>(part[3]), toBool(part[4]),
-                                             toBool(part[5]), toInteger<std::int32_t>(part[6]),
-                                             toInteger<std::int32_t>(part[7]), toText(part[8]),
-                                             toInteger<std::int32_t>(part[9]));
+    auto object =
+        std::make_unique<DBObject>(toText(part[2]), toInteger<std::int32_t>(part[3]), toBool(part[4]), toBool(part[5]),
+                                   toInteger<std::int32_t>(part[6]), toInteger<std::int32_t>(part[7]), toText(part[8]),
+                                   toInteger<std::int32_t>(part[9]));
     object->id = toInteger<std::int32_t>(part[0]);
     object->parentId = toInteger<std::int32_t>(part[1]);
     eachAttribute(part[10], [&](Attribute attribute) { return object->addAttribute(std::move(attribute)); });
@@ -104,10 +104,9 @@ std::int32_t append(const Bytes& plain, Bytes& buffer, std::int32_t capacity, st
     if (plain.size() > compressionThreshold && plain.size() <= maxUncompressed) {
         const std::size_t useful = std::min(room, plain.size() - 1);
         buffer.resize(start + useful);
-        const int written =
-            LZ4_compress_default(reinterpret_cast<const char*>(plain.data()),
-                                 reinterpret_cast<char*>(buffer.data() + start), static_cast<int>(plain.size()),
-                                 static_cast<int>(useful));
+        const int written = LZ4_compress_default(reinterpret_cast<const char*>(plain.data()),
+                                                 reinterpret_cast<char*>(buffer.data() + start),
+                                                 static_cast<int>(plain.size()), static_cast<int>(useful));
         buffer.resize(start + static_cast<std::size_t>(std::max(written, 0)));
         if (written > 0) {
             uncompressedSize = static_cast<std::int32_t>(plain.size());
@@ -170,8 +169,7 @@ bool addTo(DBObject::Attributes& attributes, Attribute&& attribute)
 DBObject::DBObject(std::string ownDn, std::int32_t instance, bool momObject, bool systemObject, std::int32_t opState,
                    std::int32_t adminState)
     : DBObject(std::move(ownDn), instance, momObject, systemObject, opState, adminState, {}, 0)
-{
-}
+{}
 
 DBObject::DBObject(std::string ownDn, std::int32_t instance, bool momObject, bool systemObject, std::int32_t opState,
                    std::int32_t adminState, std::string ofParentDn, std::int32_t ofParentMOInstance)
@@ -183,8 +181,7 @@ DBObject::DBObject(std::string ownDn, std::int32_t instance, bool momObject, boo
       administrativeState(adminState),
       parentDn(std::move(ofParentDn)),
       parentMOInstance(ofParentMOInstance)
-{
-}
+{}
 
 bool DBObject::addAttribute(Attribute&& attribute) { return addTo(attributes, std::move(attribute)); }
 

@@ -92,6 +92,13 @@ void SignalWatch::stop()
 
 void SignalWatch::run(int readEnd)
 {
+    // Whoever started us may have blocked them; one thread that takes them is enough.
+    sigset_t watched;
+    sigemptyset(&watched);
+    for (const int signal : watchedSignals)
+        sigaddset(&watched, signal);
+    pthread_sigmask(SIG_UNBLOCK, &watched, nullptr);
+
     char number = 0;
     for (;;) {
         const auto got = ::read(readEnd, &number, 1);

@@ -249,8 +249,7 @@ void TAMO_DBTransactionNotifData::updateAttributes(const std::string& dn, const 
 
 TAMO_DBNotification::TAMO_DBNotification(std::int32_t ofTicket, TAMO_DBTransactionNotifData data)
     : ticket(ofTicket), transaction(std::move(data))
-{
-}
+{}
 
 TAMO_DBNotification::TAMO_DBNotification(std::int32_t ofTicket, std::int32_t zero, Value ofValue, std::int32_t ofType,
                                          std::string ofAttribute, std::int32_t ofAttributeOperation,
@@ -268,8 +267,7 @@ TAMO_DBNotification::TAMO_DBNotification(std::int32_t ofTicket, std::int32_t zer
       attributeList(std::move(attributes)),
       attributeListLength(attributeCount),
       wholeDn(std::move(ofWholeDn))
-{
-}
+{}
 
 void TAMO_DBNotification::describe(FieldList& fields)
 {

@@ -120,7 +120,7 @@ void PeerConnection::refuse(const std::string& reason, bool ordinary)
         LOG_WARNING("Node %s: refused %s: %s", m_owner.nodeName().c_str(), text().c_str(), reason.c_str());
     else
         LOG_ERROR("Node %s: refused %s: %s", m_owner.nodeName().c_str(), text().c_str(), reason.c_str());
-    m_output.send({.id = Refused::id, .sender = m_owner.nodeId()}, Refused(reason).serialize());
+    m_output.send({.id = Refused::id, .sender = m_owner.nodeId(), .receiver = -1}, Refused(reason).serialize());
     close();
 }
 

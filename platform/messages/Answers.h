@@ -48,8 +48,7 @@ public:
     TAMO_DBUnRegToNotifRsp() = default;
     TAMO_DBUnRegToNotifRsp(bool result, std::int32_t transactionId, std::int32_t ofTicket)
         : Numbered(result, transactionId), ticket(ofTicket)
-    {
-    }
+    {}
     std::int32_t ticket = -1;
 
 protected:
@@ -64,8 +63,7 @@ class TAMO_DBRegToNotifRsp : public Numbered<answerTo(TAMO_DBRegToNotif::id)> {
 public:
     TAMO_DBRegToNotifRsp() = default;
     TAMO_DBRegToNotifRsp(std::int32_t ofTicket, std::int32_t transactionId) : Numbered(transactionId), ticket(ofTicket)
-    {
-    }
+    {}
     std::int32_t ticket = -1;
 
 protected:
@@ -91,8 +89,7 @@ public:
           data(std::move(block)),
           length(itemLength),
           uncompressedSize(itemUncompressedSize)
-    {
-    }
+    {}
     IPCData::IPCdataRsp data;
     std::int32_t length = 0;           ///< bytes of the item in `data`
     std::int32_t uncompressedSize = 0; ///< 0 for an item that was not compressed
@@ -119,8 +116,7 @@ public:
           data(std::move(block)),
           lengths(std::move(itemLengths)),
           uncompressedSizes(std::move(itemUncompressedSizes))
-    {
-    }
+    {}
     std::int32_t count = 0;
     IPCData::IPCdataRsp data;
     std::vector<std::int32_t> lengths;
@@ -144,8 +140,7 @@ public:
     TAMO_DBFetchMOClassWithParentRsp(std::vector<std::string> instanceList, std::int32_t sizeOfAll,
                                      std::int32_t transactionId, std::int32_t entryCount)
         : Numbered(transactionId), instances(std::move(instanceList)), totalSize(sizeOfAll), count(entryCount)
-    {
-    }
+    {}
     std::vector<std::string> instances;
     std::int32_t totalSize = 0; ///< sum over the entries of length plus 1
     std::int32_t count = 0;
@@ -160,8 +155,7 @@ public:
     DataResultAnswer() = default;
     DataResultAnswer(IPCData::IPCdataRsp block, std::int32_t transactionId, bool result)
         : TransactionMessage(transactionId), data(std::move(block)), success(result)
-    {
-    }
+    {}
     IPCData::IPCdataRsp data;
     bool success = false;
 
@@ -181,8 +175,7 @@ public:
     TAMO_getWholeDnRsp() = default;
     TAMO_getWholeDnRsp(std::string dn, std::int32_t dnLength, std::int32_t transactionId)
         : Numbered(transactionId), wholeDn(std::move(dn)), length(dnLength)
-    {
-    }
+    {}
     std::string wholeDn;
     std::int32_t length = 0;
 

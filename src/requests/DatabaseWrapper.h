@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <string>
 
-
 /// The request service: every message for the node reaches it as an event and is handled on its
 /// thread, one at a time. DatabaseWrapper_Dispatch.cpp holds the table of messages.
 class DatabaseWrapper : public DatabaseWrapper_StateMachine {

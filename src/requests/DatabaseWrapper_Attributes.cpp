@@ -51,9 +51,10 @@ bool setOne(const std::string& name, const std::string& dn, const Value& value, 
 bool isValid(const AttributeContainer& container)
 {
     return !container.dnAttrNameMap.empty() && container.dnAttrNameMap.size() == container.attributes.size() &&
-           std::ranges::equal(container.dnAttrNameMap, container.attributes, {},
-                              [](const auto& entry) -> const std::string& { return entry.first; },
-                              [](const auto& entry) -> const std::string& { return entry.first; });
+           std::ranges::equal(
+               container.dnAttrNameMap, container.attributes, {},
+               [](const auto& entry) -> const std::string& { return entry.first; },
+               [](const auto& entry) -> const std::string& { return entry.first; });
 }
 
 } // namespace
@@ -94,8 +95,7 @@ void DatabaseWrapper::handleSetAttributeValues(const RawMessage* raw)
         .noMessage = [] { LOG_DEBUG("Database DatabaseWrapper::handleSetAttributeValues NULL message"); },
         .received =
             [](std::int32_t transId, const char* client) {
-                LOG_DEBUG("Database DatabaseWrapper::handleSetAttributeValues transId: %d client: %s", transId,
-                          client);
+                LOG_DEBUG("Database DatabaseWrapper::handleSetAttributeValues transId: %d client: %s", transId, client);
             },
         .notSent = [] { LOG_DEBUG("Database DatabaseWrapper::handleSetAttributeValue SendRsp NotSuccessful"); }};
     if (raw) {
@@ -135,8 +135,8 @@ void DatabaseWrapper::handleDeleteAttribute(const RawMessage* raw)
         if (!object)
             object = std::make_unique<DBObject>(request.dn, 1, true, false, 0, 1);
         if (!object->getAttribute(request.attributeName))
-            object->addAttribute(Attribute(false, request.attributeName, std::int32_t{0}, 0, false, IPCData::INT32,
-                                           false, false));
+            object->addAttribute(
+                Attribute(false, request.attributeName, std::int32_t{0}, 0, false, IPCData::INT32, false, false));
         Attribute* const attribute = object->getAttribute(request.attributeName);
         attribute->changed = true;
         attribute->deleted = true;

@@ -8,8 +8,8 @@
 #include "platform/utility/DBObject.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cctype>
+#include <charconv>
 #include <cmath>
 
 using namespace TAMO::Messages;
@@ -52,7 +52,8 @@ std::optional<Value> templateValue(const std::string& text, const std::string& t
     }
     if (type == "boolean") {
         std::string upper = text;
-        std::ranges::transform(upper, upper.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+        std::ranges::transform(upper, upper.begin(),
+                               [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
         if (upper == "TRUE" || upper == "1")
             return Value(std::int32_t{1});
         return upper == "FALSE" || upper == "0" ? std::optional<Value>(std::int32_t{0}) : std::nullopt;
@@ -67,8 +68,7 @@ std::optional<Value> templateValue(const std::string& text, const std::string& t
 
 bool isKnown(const std::string& type)
 {
-    return isOneOf(type,
-                   {"int", "long", "enum", "unsigned char", "short", "unsigned short", "double", "boolean"});
+    return isOneOf(type, {"int", "long", "enum", "unsigned char", "short", "unsigned short", "double", "boolean"});
 }
 
 /// Makes an attribute from a template entry and adds it; false when the object has one of that name.
@@ -93,8 +93,7 @@ Attribute DatabaseWrapper::makeAttribute(const std::string& name, const std::str
     return read ? attributeWith(name, std::move(*read)) : ConvertToDBString(name, value, type);
 }
 
-Attribute DatabaseWrapper::ConvertToDBString(const std::string& name, const std::string& value,
-                                             const std::string& type)
+Attribute DatabaseWrapper::ConvertToDBString(const std::string& name, const std::string& value, const std::string& type)
 {
     LOG_INFO("DatabaseWrapper::ConvertToDBString, making string attribute, originally type:%s !!!", type.c_str());
     return attributeWith(name, value);
@@ -114,8 +113,7 @@ void DatabaseWrapper::handleCreateObject(const RawMessage* raw)
     serve<TAMO_DBCreateObject, Answer>(raw, lines, [this](const TAMO_DBCreateObject& request, const Client& client) {
         OperationRecord record;
         record.operation = "Insert";
-        const bool result =
-            createObject(request.templateFile, request.dn, request.MOInstance, client.name, record);
+        const bool result = createObject(request.templateFile, request.dn, request.MOInstance, client.name, record);
         if (!result)
             record.logFailure();
         return std::optional<Answer>(std::in_place, result, request.transId);

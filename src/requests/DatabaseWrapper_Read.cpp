@@ -42,8 +42,8 @@ Answer listAnswer(std::int32_t transId, const Client& client, const SQLite::Obje
     for (const auto& object : objects) {
         std::int32_t uncompressedSize = 0;
         const auto used = static_cast<std::int32_t>(answer.data.data.size());
-        const std::int32_t length = DBObject::SerializeDataforDB(*object, answer.data.data,
-                                                                 IPCData::dataCapacity - used, uncompressedSize);
+        const std::int32_t length =
+            DBObject::SerializeDataforDB(*object, answer.data.data, IPCData::dataCapacity - used, uncompressedSize);
         if (length < 0) {
             notSuccessful();
             return refusal<Answer>(transId, client.node);

@@ -12,8 +12,7 @@ public:
 
     explicit DatabaseWrapper_StateMachine(const std::string& threadName)
         : ActiveStateMachine(stListening, stFinal, threadName)
-    {
-    }
+    {}
 
     bool dispatch(TAMO::Framework::Event& event) override;
     void enterState(int newState) override;

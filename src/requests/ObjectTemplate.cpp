@@ -123,7 +123,7 @@ private:
 
 bool isReadable(const std::string& path)
 {
-    struct stat status{};
+    struct stat status {};
     return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
            status.st_size <= static_cast<off_t>(ObjectTemplate::maxFileSize);
 }

@@ -50,8 +50,7 @@ std::optional<Answer> workOn(const Request& request, const Client& client, Work&
         const SharedLock lock(store.runtime());
         return work(request, client);
     } catch (const std::exception& error) {
-        LOG_ERROR("DatabaseWrapper: request 0x%04x of %s failed: %s", Request::id, client.name.c_str(),
-                  error.what());
+        LOG_ERROR("DatabaseWrapper: request 0x%04x of %s failed: %s", Request::id, client.name.c_str(), error.what());
     }
     store.rollbackLeftOver();
     return refusal<Answer>(request.transId, client.node);
@@ -78,8 +77,8 @@ void serve(const RawMessage* raw, const HandlerLines& lines, Work work)
     } else {
         lines.received(request.transId, client.name.c_str());
     }
-    const std::optional<Answer> answer = readable ? workOn<Request, Answer>(request, client, work)
-                                                  : refusal<Answer>(request.transId, node);
+    const std::optional<Answer> answer =
+        readable ? workOn<Request, Answer>(request, client, work) : refusal<Answer>(request.transId, node);
     if (!answer)
         return;
     if (Messaging::sendTamoMessage_v2(node, *answer, 1))

@@ -27,8 +27,8 @@ constexpr int slotColumn = 7;
 Attribute attributeOf(const Statement& row)
 {
     const std::int32_t type = row.integer(4);
-    Attribute attribute(row.integer(5) != 0, std::string(row.text(2)), readValue(row, 3, type), 0,
-                        row.integer(6) != 0, type, false, false);
+    Attribute attribute(row.integer(5) != 0, std::string(row.text(2)), readValue(row, 3, type), 0, row.integer(6) != 0,
+                        type, false, false);
     attribute.slot = row.integer(slotColumn);
     return attribute;
 }

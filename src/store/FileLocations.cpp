@@ -101,7 +101,7 @@ std::optional<std::string> commonDbWriteFile()
 
 bool isRegularFile(const std::string& path)
 {
-    struct stat status{};
+    struct stat status {};
     return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && access(path.c_str(), R_OK) == 0;
 }
 

@@ -13,8 +13,7 @@ class OwnTransaction {
 public:
     OwnTransaction(SQLite& store, bool inTransaction)
         : m_store(store), m_own(!inTransaction && store.sql_start_transaction()), m_open(inTransaction || m_own)
-    {
-    }
+    {}
     ~OwnTransaction() { abandon(); }
     OwnTransaction(const OwnTransaction&) = delete;
     OwnTransaction& operator=(const OwnTransaction&) = delete;

@@ -26,8 +26,8 @@ struct Neighbour {
 
 bool sameDirectory(const std::string& a, const std::string& b)
 {
-    struct stat first{};
-    struct stat second{};
+    struct stat first {};
+    struct stat second {};
     return stat(a.c_str(), &first) == 0 && stat(b.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
            first.st_ino == second.st_ino;
 }
@@ -69,15 +69,14 @@ bool RuntimeGuard::claim()
     }
     const std::string directory = runtimeDirectory();
     const char* const path = directory.c_str();
-    struct stat status{};
+    struct stat status {};
     if (directory.empty() || stat(path, &status) != 0 || !S_ISDIR(status.st_mode)) {
         LOG_ERROR("TAMO_DB_RUNTIME_PATH does not name a directory of at most %zu characters: '%s'",
                   maxRuntimePathLength, std::getenv("TAMO_DB_RUNTIME_PATH"));
         return false;
     }
     if (access(path, W_OK | X_OK) != 0) {
-        LOG_ERROR("TAMO_DB_RUNTIME_PATH names a directory that cannot be written: %s (%s)", path,
-                  std::strerror(errno));
+        LOG_ERROR("TAMO_DB_RUNTIME_PATH names a directory that cannot be written: %s (%s)", path, std::strerror(errno));
         return false;
     }
     for (const Neighbour& lasting : lastingDirectories())

@@ -140,8 +140,7 @@ public:
 
     /// The object with its attributes and alternate attributes; null when it is not stored.
     std::unique_ptr<DBObject> sql_get_object(std::int32_t objectId, const std::string& client);
-    std::unique_ptr<DBObject> sql_get_object(const std::string& dn, std::int32_t MOInstance,
-                                             const std::string& client);
+    std::unique_ptr<DBObject> sql_get_object(const std::string& dn, std::int32_t MOInstance, const std::string& client);
     /// The live attribute, or the one parked in alternate storage; null when there is none.
     std::unique_ptr<Attribute> sql_get_attribute(std::int32_t objectId, const std::string& name,
                                                  const std::string& client, bool fromAlternateStorage);

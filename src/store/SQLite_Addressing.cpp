@@ -255,8 +255,7 @@ std::string SQLite::get_whole_dn(std::int32_t objectId)
     if (unavailable(__func__))
         return " ";
     if (objectId == m_lastWholeDnId && objectId != 0) {
-        LOG_DEBUG("SQLite::%s: Object id same as previous %d, returning %s", __func__, objectId,
-                  m_lastWholeDn.c_str());
+        LOG_DEBUG("SQLite::%s: Object id same as previous %d, returning %s", __func__, objectId, m_lastWholeDn.c_str());
         return m_lastWholeDn;
     }
     LOG_DEBUG("SQLite::%s: Fetching whole dn for object id %d.", __func__, objectId);

@@ -23,10 +23,7 @@ std::string beginsWith(const std::string& moClass)
     return pattern += '%';
 }
 
-bool isStruct(std::string_view dn, bool isMOMObject)
-{
-    return !isMOMObject && dn.find(':') != std::string_view::npos;
-}
+bool isStruct(std::string_view dn, bool isMOMObject) { return !isMOMObject && dn.find(':') != std::string_view::npos; }
 
 bool holdsPair(const std::string& dn)
 {
@@ -37,7 +34,10 @@ bool holdsPair(const std::string& dn)
 } // namespace
 
 /// The class part of a stored pair, for exact comparison.
-std::string SQLite::classOf(const std::string& pair) const { return holdsPair(pair) ? get_object_name(pair, true) : pair; }
+std::string SQLite::classOf(const std::string& pair) const
+{
+    return holdsPair(pair) ? get_object_name(pair, true) : pair;
+}
 
 SQLite::Objects SQLite::get_MO_class(const std::string& moClass)
 {
@@ -206,7 +206,8 @@ std::int32_t SQLite::firstMatch(const std::vector<std::string>& pairs, int& resu
     std::int32_t id = 0;
     for (std::size_t i = 0; i < pairs.size(); ++i) {
         const bool top = i == 0;
-        const std::string sql = createSelectIdSql({pairs[i]}) + (top ? " order by parent != 0" : " and parent = " + std::to_string(id));
+        const std::string sql =
+            createSelectIdSql({pairs[i]}) + (top ? " order by parent != 0" : " and parent = " + std::to_string(id));
         sqlite3_stmt* raw = nullptr;
         result = sqlite3_prepare_v2(m_runtime->handle(), sql.c_str(), -1, &raw, nullptr);
         if (result != SQLITE_OK)
@@ -229,7 +230,7 @@ std::string SQLite::getMoClassInstance(const std::string& pattern)
     splitDnPath(pattern, pairs);
     int result = SQLITE_DONE;
     if (const std::int32_t id = firstMatch(pairs, result)) {
-        const std::string found = get_whole_dn(id);
+        std::string found = get_whole_dn(id);
         LOG_DEBUG("SQLite::%s Found instance %s for MO class", __func__, found.c_str());
         return found;
     }

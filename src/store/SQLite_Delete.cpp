@@ -29,6 +29,7 @@ bool SQLite::delete_object(const std::string& dn, std::int32_t MOInstance, bool 
     constexpr bool skipStructs = true;
     getAllChildIds(dn, MOInstance, ids, skipStructs, id);
     std::vector<std::string> below;
+    below.reserve(ids.size());
     for (const std::int32_t child : ids)
         below.push_back(get_whole_dn(child));
     std::vector<ReferenceRow> references;
@@ -103,9 +104,10 @@ int SQLite::deleteDeepestFirst(std::int32_t objectId)
 bool SQLite::referenceRows(std::vector<ReferenceRow>& rows)
 {
     const char* const operation = "checkReference";
-    Statement read(m_runtime,
-                   "select value, belongsTo from Attribute where name is not %Q and (value_type = 11 or value_type = 31)",
-                   "reservedBy");
+    Statement read(
+        m_runtime,
+        "select value, belongsTo from Attribute where name is not %Q and (value_type = 11 or value_type = 31)",
+        "reservedBy");
     while (read.next()) {
         if (read.isNull(0)) {
             LOG_DEBUG("SQLite::%s: sqlite3_column_text returned NULL! ", operation);

@@ -148,7 +148,7 @@ int SQLite::convertToCurrentVersion()
 
 bool SQLite::CheckIfFileExists(const std::string& path)
 {
-    struct stat status{};
+    struct stat status {};
     if (!isRegularFile(path) || stat(path.c_str(), &status) != 0)
         return false;
     if (status.st_size != 0)
@@ -239,7 +239,7 @@ std::string SQLite::getBrMBackupDbPath() const
     const auto configured = environmentPath("TAMO_BRM_BACKUP_PATH");
     if (!configured)
         return "/var/permanent/brm_backup/database";
-    const std::string path = *configured + "/database";
+    std::string path = *configured + "/database";
     LOG_DEBUG("SQLite::%s, returning %s", __func__, path.c_str());
     return path;
 }

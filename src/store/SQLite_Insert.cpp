@@ -184,8 +184,8 @@ void SQLite::checkParentId(DBObject& object)
 {
     if (object.parentId == 0)
         return;
-    const bool stands = object.parentDn.empty() ? idExists(object.parentId)
-                                                : get_whole_dn(object.parentId) == object.parentDn;
+    const bool stands =
+        object.parentDn.empty() ? idExists(object.parentId) : get_whole_dn(object.parentId) == object.parentDn;
     if (!stands)
         object.parentId = 0;
 }

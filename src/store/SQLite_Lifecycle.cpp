@@ -52,8 +52,7 @@ void SQLite::destroyInstance(bool save)
 SQLite::SQLite()
     : m_runtimeFile(runtimeFile()),
       m_databaseFile(runtimeDirectory() + "/Database"),
-      m_persistentDbSemaphore(
-          std::make_unique<TAMO::Framework::NamedSemaphore>("/tamo_persistent_db_semaphore", 1U))
+      m_persistentDbSemaphore(std::make_unique<TAMO::Framework::NamedSemaphore>("/tamo_persistent_db_semaphore", 1U))
 {
     LOG_DEBUG("Database runtime path: %s", m_runtimeFile.c_str());
     createRuntimeDatabase();

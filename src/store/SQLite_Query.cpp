@@ -18,8 +18,14 @@ namespace {
 Attribute attributeOf(const Statement& row, std::string name, const char* logPrefix)
 {
     const std::int32_t type = row.integer(4);
-    return {row.integer(5) != 0, std::move(name), readValue(row, 3, type, logPrefix), 0, row.integer(6) != 0,
-            type,                false,           false};
+    return {row.integer(5) != 0,
+            std::move(name),
+            readValue(row, 3, type, logPrefix),
+            0,
+            row.integer(6) != 0,
+            type,
+            false,
+            false};
 }
 
 } // namespace

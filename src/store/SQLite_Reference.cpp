@@ -120,7 +120,8 @@ void SQLite::removeReference(std::int32_t objectId, bool inTransaction)
     LOG_DEBUG("SQLite::%s, Remove reference from reservedBy if exist", __func__);
     // Read first: withdrawing a reference writes to the very table.
     std::vector<std::string> values;
-    Statement rows(m_runtime, "select value from Attribute where belongsTo = %d and (value_type = 11 or value_type = 31)",
+    Statement rows(m_runtime,
+                   "select value from Attribute where belongsTo = %d and (value_type = 11 or value_type = 31)",
                    objectId);
     while (rows.next())
         values.emplace_back(rows.text(0));

@@ -201,11 +201,9 @@ void SQLite::UpdateOperation::deleteMarked(const Attribute& attribute)
 {
     constexpr bool joined = true;
     if (m_store.deleteAttribute(attribute.name, m_objectId, joined))
-        LOG_DEBUG("SQLite::update: Attribute %s deleted from database by %s", attribute.name.c_str(),
-                  m_client.c_str());
+        LOG_DEBUG("SQLite::update: Attribute %s deleted from database by %s", attribute.name.c_str(), m_client.c_str());
     else
-        LOG_DEBUG("SQLite::update: Error deleting attribute %s. Client: %s", attribute.name.c_str(),
-                  m_client.c_str());
+        LOG_DEBUG("SQLite::update: Error deleting attribute %s. Client: %s", attribute.name.c_str(), m_client.c_str());
 }
 
 bool SQLite::UpdateOperation::readStored(const Attribute& attribute, StoredAttribute& stored)
@@ -293,9 +291,11 @@ void SQLite::UpdateOperation::updateReferences()
     };
     for (const std::string& old : m_oldReferences)
         guarded([&] { m_store.removeSingleReference(old, wholeDn, joined); });
-    for (const auto& [name, attribute] : m_object.attributes)
-        if (isReferenceType(codeToStore(attribute)) && name != reservedBy)
+    for (const auto& entry : m_object.attributes) {
+        const Attribute& attribute = entry.second;
+        if (isReferenceType(codeToStore(attribute)) && attribute.name != reservedBy)
             guarded([&] { m_store.setReference(std::get<std::string>(attribute.value), wholeDn, joined); });
+    }
 }
 
 /// Whether the chain of parents from `newParent` up meets the object, or never ends.

@@ -92,9 +92,9 @@ void Statement::prepare(Connection& connection, std::string_view format)
     }
     Translated translated = translate(format);
     m_own = found != connection.m_prepared.end();
-    m_result = sqlite3_prepare_v3(connection.handle(), translated.sql.c_str(),
-                                  static_cast<int>(translated.sql.size()) + 1, m_own ? 0 : SQLITE_PREPARE_PERSISTENT,
-                                  &m_statement, nullptr);
+    m_result =
+        sqlite3_prepare_v3(connection.handle(), translated.sql.c_str(), static_cast<int>(translated.sql.size()) + 1,
+                           m_own ? 0 : SQLITE_PREPARE_PERSISTENT, &m_statement, nullptr);
     if (m_result != SQLITE_OK) {
         m_statement = nullptr;
         return;

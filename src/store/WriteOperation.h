@@ -13,17 +13,13 @@ class SQLite::WriteOperation {
 public:
     WriteOperation(SQLite& store, DBObject& object, bool inTransaction, const std::string& client)
         : m_store(store), m_object(object), m_inTransaction(inTransaction), m_client(client)
-    {
-    }
+    {}
 
 protected:
     /// Auto-integration phase in which attributes with a slot are parked.
     static constexpr std::int32_t parkingPhase = 4;
 
-    bool goesToAlternateStorage(const Attribute& attribute)
-    {
-        return attribute.slot >= 0 && phase() == parkingPhase;
-    }
+    bool goesToAlternateStorage(const Attribute& attribute) { return attribute.slot >= 0 && phase() == parkingPhase; }
 
     void park(std::int32_t objectId, const Attribute& attribute)
     {
@@ -33,8 +29,8 @@ protected:
     /// "timeOfLastModification" tells the time for objects that have a "lastModification" only.
     std::string modificationTime(std::int32_t objectId)
     {
-        const bool wanted = m_object.getAttribute("lastModification") ||
-                            m_store.checkAttributeExistence("lastModification", objectId);
+        const bool wanted =
+            m_object.getAttribute("lastModification") || m_store.checkAttributeExistence("lastModification", objectId);
         return wanted ? m_store.FormatCurrentUtcTime() : std::string();
     }
 

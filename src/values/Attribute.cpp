@@ -16,8 +16,7 @@ Attribute::Attribute(bool isHidden, std::string attributeName, Value initial, st
       deleted(isDeleted),
       type(declaredType),
       hidden(isHidden)
-{
-}
+{}
 
 void Attribute::SetValue(Value newValue)
 {

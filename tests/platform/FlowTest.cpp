@@ -62,23 +62,24 @@ TEST_F(FlowTest, FloodIsHeldBackWithoutLoss)
     EXPECT_EQ(db.size(), 256U);
     expectInOrder(db, accepted);
 
-    ASSERT_TRUE(eventually([&] { return client.node.send(0, numbered(0, 900'000)); })); // and by bytes
-    for (std::int32_t number = 1; number < 5; ++number)
-        ASSERT_TRUE(client.node.send(0, numbered(number, 900'000)));
+    sendAll(client.node, 0, 5, 900'000); // and by bytes
     EXPECT_TRUE(eventually([&] { return db.size() == 3; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(db.size(), 3U);
     expectInOrder(db, 5);
 }
 
-TEST_F(FlowTest, PeerThatDiesAfterAFloodIsStillHeardOut)
+TEST_F(FlowTest, PeerThatIsGoneIsStillHeardOut)
 {
-    std::int32_t accepted = 0;
-    while (client.node.send(0, numbered(accepted, 100)) && accepted < 2000)
-        ++accepted;
-    client.node.stop(); // leaves most of it in the sockets
-    EXPECT_TRUE(eventually([&] { return db.node.send(100, numbered(0)) == false; })); // answers fail
-    expectInOrder(db, accepted);
+    RawPeer peer(path("db"));
+    ASSERT_TRUE(peer.join(7));
+    constexpr std::int32_t sent = 400; // more than is read ahead, less than the socket holds besides
+    for (std::int32_t number = 0; number < sent; ++number)
+        peer.send({.id = 0x1009, .sender = 7, .receiver = 0}, numbered(number).serialize());
+    peer.close();
+    EXPECT_TRUE(eventually([&] { return !db.node.send(7, numbered(0)); })); // answers fail
+    expectInOrder(db, sent);
+    EXPECT_TRUE(eventually([&] { return db.node.peerName(7).empty(); }));
 }
 
 TEST_F(FlowTest, MessagesBeforeAHandlerWaitForIt)
@@ -87,7 +88,8 @@ TEST_F(FlowTest, MessagesBeforeAHandlerWaitForIt)
     ASSERT_TRUE(early.start());
     RawPeer peer(path("cm"));
     ASSERT_TRUE(peer.join(7));
-    for (std::int32_t number = 0; number < 1000; ++number)
+    constexpr std::int32_t sent = 200;
+    for (std::int32_t number = 0; number < sent; ++number)
         peer.send({.id = 0x1009, .sender = 7, .receiver = 2}, numbered(number).serialize());
     std::atomic<std::int32_t> next{0};
     std::atomic<bool> ordered{true};
@@ -95,14 +97,14 @@ TEST_F(FlowTest, MessagesBeforeAHandlerWaitForIt)
         ordered = ordered && numberOf(*message) == next;
         ++next;
     });
-    EXPECT_TRUE(eventually([&] { return next == 1000; }));
+    EXPECT_TRUE(eventually([&] { return next == sent; }));
     EXPECT_TRUE(ordered);
     early.stop();
 }
 
 TEST_F(FlowTest, SendNeverWaitsAndAStuckPeerIsDisconnected)
 {
-    setenv("TAMO_PEER_STUCK_SECONDS", "0.5", 1);
+    setenv("TAMO_PEER_STUCK_SECONDS", "2", 1);
     RawPeer slow(path("db"));
     RawPeer stuck(path("db"));
     ASSERT_TRUE(slow.join(65));
@@ -114,7 +116,7 @@ TEST_F(FlowTest, SendNeverWaitsAndAStuckPeerIsDisconnected)
     const auto start = std::chrono::steady_clock::now();
     fill(65);
     fill(66);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(450));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
     // One reads a little now and then and keeps its connection, the other does not read at all.
     Bytes some(300'000);
     EXPECT_TRUE(eventually(
@@ -124,7 +126,7 @@ TEST_F(FlowTest, SendNeverWaitsAndAStuckPeerIsDisconnected)
             fill(65);
             return db.node.peerName(66).empty();
         },
-        std::chrono::milliseconds(1500)));
+        std::chrono::seconds(10)));
     EXPECT_EQ(log.count(mwLogError, "it is stuck"), 1);
     EXPECT_FALSE(db.node.send(66, numbered(0)));
     EXPECT_EQ(db.node.peerName(65), "raw");

@@ -156,9 +156,9 @@ TEST_F(FrameworkDeathTest, CrashLeavesABacktraceAndTheDefaultAction)
     EXPECT_EXIT(
         {
             RegisterSegmentFaultHandler();
-            *static_cast<volatile int*>(nullptr) = 1;
+            *reinterpret_cast<volatile int*>(std::uintptr_t{4096}) = 1; // no page of ours
         },
-        testing::KilledBySignal(SIGSEGV), "Fatal signal 11 at address 0x0, backtrace:\n.*platform_tests");
+        testing::KilledBySignal(SIGSEGV), "Fatal signal 11 at address 0x1000, backtrace:\n.*platform_tests");
     EXPECT_EXIT(
         {
             RegisterSegmentFaultHandler();

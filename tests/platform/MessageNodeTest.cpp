@@ -260,7 +260,7 @@ TEST_F(MessageNodeTest, ConnectionIsKeptUpInTheBackground)
         ASSERT_TRUE(eventually([&] { return db.node.peerName(3) == "fm"; }));
         EXPECT_TRUE(db.node.send(3, numbered(round)));
         EXPECT_TRUE(eventually([&] { return fm.size() == 1; }));
-        EXPECT_EQ(log.count(mwLogInfo, "connected to fm"), round);
+        EXPECT_TRUE(eventually([&] { return log.count(mwLogInfo, "connected to fm") == round; }));
         fm.node.stop();
         ASSERT_TRUE(eventually([&] { return log.count(mwLogInfo, "connection to fm (node 3) lost") == round; }));
         EXPECT_FALSE(db.node.send(3, numbered(round)));

@@ -7,9 +7,11 @@
 #include "values/ValueType.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <barrier>
 #include <functional>
+#include <memory>
 #include <random>
 #include <thread>
 

@@ -9,8 +9,10 @@
 #include "tools/tamoctl/TextCoding.h"
 #include "values/ValueType.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <utility>

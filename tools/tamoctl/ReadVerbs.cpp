@@ -6,6 +6,7 @@
 #include "tools/tamoctl/ObjectText.h"
 #include "tools/tamoctl/TextCoding.h"
 #include "tools/tamoctl/Verbs.h"
+#include "values/DistinguishedName.h"
 
 #include <CLI/CLI.hpp>
 
@@ -26,13 +27,15 @@ std::string jsonArray(const Items& items, ToJson toJson)
     return array + "]";
 }
 
-void printObjects(Context& context, const std::vector<std::unique_ptr<DBObject>>& objects)
+/// `dnOf` gives the DN that an object is shown under.
+template <class DnOf>
+void printObjects(Context& context, const std::vector<std::unique_ptr<DBObject>>& objects, DnOf dnOf)
 {
     if (context.json())
         return context.print(
-            jsonArray(objects, [](const auto& object) { return jsonObject(*object, wholeDnOf(*object), false); }));
+            jsonArray(objects, [&](const auto& object) { return jsonObject(*object, dnOf(*object), false); }));
     for (const auto& object : objects)
-        context.print((&object == &objects.front() ? "" : "\n") + objectText(*object, wholeDnOf(*object)));
+        context.print((&object == &objects.front() ? "" : "\n") + objectText(*object, dnOf(*object)));
 }
 
 void getObject(Context& context, const std::string& dn, std::int32_t instance)
@@ -87,7 +90,9 @@ void addChildren(CLI::App& app, Action& chosen)
             const auto objects = context.database().children(parent);
             if (objects.empty() && !context.database().exists(parent))
                 notFound(parent);
-            printObjects(context, objects);
+            printObjects(context, objects, [&parent](const DBObject& object) {
+                return shownDn(joinDn(parent, quotedPair(object.dn)), object);
+            });
         };
     });
 }
@@ -98,7 +103,9 @@ void addClass(CLI::App& app, Action& chosen)
     CLI::App* verb = app.add_subcommand("class", "Show all objects of a class");
     verb->add_option("CLASS", *name)->required();
     verb->callback([name, &chosen] {
-        chosen = [name](Context& context) { printObjects(context, context.database().objectsOfClass(*name)); };
+        chosen = [name](Context& context) {
+            printObjects(context, context.database().objectsOfClass(*name), wholeDnOf);
+        };
     });
 }
 

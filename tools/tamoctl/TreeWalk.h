@@ -17,7 +17,7 @@ struct TreeNode {
 };
 
 /// Visits an object and everything below it, parents before children and siblings in the order of
-/// siblingLess, which depends on nothing but their names. False when `dn` is not there.
+/// pairLess (then MOInstance), which depends on nothing but their names. False when `dn` is not there.
 [[nodiscard]] bool walkTree(Database& database, const std::string& dn,
                             const std::function<void(const TreeNode&)>& visit);
 

@@ -1,0 +1,114 @@
+// The stand-ins for log, middleware and the other services, on the same seams a workstation uses.
+
+#include "tests/support/Platform.h"
+
+#include "platform/framework/Messaging.h"
+#include "platform/host/LogSink.h"
+#include "platform/host/ProcessNode.h"
+#include "platform/messages/Notifications.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+using namespace TAMO::Framework;
+using TAMO::Messages::TAMO_FaultNotification;
+
+namespace {
+
+constexpr std::chrono::seconds patience{20};
+constexpr std::int32_t markerCode = 0x7E57;
+
+} // namespace
+
+LogLines::LogLines()
+{
+    mw_log::setSink([this](unsigned level, const std::string& text) {
+        const std::lock_guard lock(m_mutex);
+        m_lines.push_back({level, text});
+    });
+}
+
+LogLines::~LogLines() { mw_log::setSink({}); }
+
+int LogLines::count(unsigned level, const std::string& part) const
+{
+    const std::lock_guard lock(m_mutex);
+    int found = 0;
+    for (const Line& line : m_lines)
+        found += line.level == level && line.text.find(part) != std::string::npos;
+    return found;
+}
+
+void LogLines::forget()
+{
+    const std::lock_guard lock(m_mutex);
+    m_lines.clear();
+}
+
+std::string LogLines::all() const
+{
+    const std::lock_guard lock(m_mutex);
+    std::string text = "lines logged:\n";
+    for (const Line& line : m_lines)
+        text += std::to_string(line.level) + " " + line.text.substr(0, 300) + "\n";
+    return text;
+}
+
+NodeState Middleware::state() const
+{
+    NodeState state;
+    std::string problem;
+    EXPECT_TRUE(readNodeState(m_file, state, problem)) << problem;
+    return state;
+}
+
+void Middleware::set(const NodeState& state) const
+{
+    std::string problem;
+    EXPECT_TRUE(writeNodeState(m_file, state, problem)) << problem;
+}
+
+DatabaseNode::DatabaseNode(const std::string& directory)
+{
+    EXPECT_TRUE(ProcessNode::start({.directory = directory, .name = "db", .id = 0, .listen = true, .connectTo = {}}));
+}
+
+DatabaseNode::~DatabaseNode() { ProcessNode::stop(); }
+
+Service::Service(const std::string& directory, const std::string& name, std::int32_t id)
+    : m_id(id), m_node({.directory = directory, .name = name, .id = id, .listen = false, .connectTo = {"db"}})
+{
+    m_node.setHandler([this](std::shared_ptr<RawMessage> message) {
+        const std::lock_guard lock(m_mutex);
+        m_messages.push_back(std::move(message));
+        m_arrived.notify_all();
+    });
+    EXPECT_TRUE(m_node.start());
+    const auto until = std::chrono::steady_clock::now() + patience;
+    while (Messaging::getNodeAsText(id) != name && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(Messaging::getNodeAsText(id), name);
+}
+
+Service::~Service() { m_node.stop(); }
+
+std::shared_ptr<RawMessage> Service::next()
+{
+    std::unique_lock lock(m_mutex);
+    if (!m_arrived.wait_for(lock, patience, [this] { return !m_messages.empty(); }))
+        return nullptr;
+    auto message = std::move(m_messages.front());
+    m_messages.pop_front();
+    return message;
+}
+
+bool Service::gotNothing()
+{
+    const TAMO_FaultNotification marker(markerCode, 0);
+    if (!Messaging::sendTamoMessage(m_id, marker, -1))
+        return false;
+    const auto first = next<TAMO_FaultNotification>();
+    return first && first->faultCode == markerCode;
+}
