@@ -100,10 +100,11 @@ int endFailedStart()
 
 void serveRequests()
 {
-    // Both live until the process ends: messages may still be on their way to the wrapper.
-    auto* const wrapper = new DatabaseWrapper("DatabaseWrapper");
+    // Both live until the process ends: messages may still be on their way to the wrapper. Static, so that
+    // a leak checker sees that they are meant to.
+    static auto* const wrapper = new DatabaseWrapper("DatabaseWrapper");
     wrapper->initialise();
-    auto* const mapper = new BOMOMapper;
+    static auto* const mapper = new BOMOMapper;
     mapper->mapBOMO(environmentPath("MOM_BOM_MAPPING_FILE_PATH").value_or(""));
     wrapper->start();
     if (wrapper->thread().exists())

@@ -56,7 +56,7 @@ public:
     virtual bool allowEnqueue() const { return m_state != m_finalState; }
     /// Queues a copy of `event`. The flag is the platform's and has no meaning here.
     virtual void enqueueEvent(const Event& event, bool flag = false);
-    /// True when the current state took the event.
+    /// True when the current state took the event; any other goes to onUnhandledEvent().
     virtual bool dispatch(Event& event) = 0;
     virtual void enterState(int state) { m_state = state; }
     virtual void exitState() {}

@@ -100,8 +100,7 @@ void ActiveStateMachine::threadMain()
         if (!event)
             return;
         try {
-            if (!dispatch(*event))
-                onUnhandledEvent(*event);
+            dispatch(*event);
         } catch (const std::exception& error) {
             LOG_ERROR("Event %d ended in an exception: %s", event->id(), error.what());
         } catch (...) {

@@ -44,6 +44,9 @@ Number toNumber(const msgpack::object& object)
     case msgpack::type::FLOAT64:
         if (std::isnan(object.via.f64))
             throw BadBytes("not a number");
+        if (std::isfinite(object.via.f64) &&
+            std::abs(object.via.f64) > static_cast<double>(std::numeric_limits<Number>::max()))
+            throw BadBytes("a number that does not fit its field");
         return static_cast<Number>(object.via.f64);
     case msgpack::type::POSITIVE_INTEGER:
         return static_cast<Number>(object.via.u64);

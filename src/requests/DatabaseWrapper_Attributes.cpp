@@ -20,13 +20,17 @@ Attribute newAttribute(const std::string& name, const Value& value)
     return {false, name, value, 0, false, 0, true, false};
 }
 
-/// Gives the object's attribute the value, adding it when the object lacks it.
-void setValue(DBObject& object, const std::string& name, const Value& value)
+/// Gives the object's attribute the value, adding it when the object lacks it. False for an
+/// attribute without a name.
+bool setValue(DBObject& object, const std::string& name, const Value& value)
 {
+    if (name.empty())
+        return false;
     if (Attribute* const attribute = object.getAttribute(name))
         attribute->SetValue(value);
     else
         object.addAttribute(newAttribute(name, value));
+    return true;
 }
 
 /// One entry of a set-attribute-values request.
@@ -37,15 +41,13 @@ bool setOne(const std::string& name, const std::string& dn, const Value& value, 
     const auto object = store.sql_get_object(dn, 1, client.name);
     if (!object) {
         DBObject made(dn, 1, false, false, 0, 1);
-        made.addAttribute(newAttribute(name, value));
-        return store.sql_insert(&made, false, client.name);
+        return !dn.empty() && setValue(made, name, value) && store.sql_insert(&made, false, client.name);
     }
     LOG_DEBUG("Database DatabaseWrapper::handleSetAttributeValues getting %s from db", dn.c_str());
     record.about(object->dn, object->MOInstance);
     if (object->getAttribute(name))
         LOG_DEBUG("Database DatabaseWrapper::handleSetAttributeValues getting %s from object", name.c_str());
-    setValue(*object, name, value);
-    return store.sql_update(object.get(), false, client.name);
+    return setValue(*object, name, value) && store.sql_update(object.get(), false, client.name);
 }
 
 bool isValid(const AttributeContainer& container)
@@ -77,8 +79,8 @@ void DatabaseWrapper::handleSetAttributeValue(const RawMessage* raw)
             bool result = false;
             if (const auto object = store.sql_get_object(request.dn, request.MOInstance, client.name)) {
                 record.operation = "Update";
-                setValue(*object, request.attributeName, request.value);
-                result = store.sql_update(object.get(), false, client.name);
+                result = setValue(*object, request.attributeName, request.value) &&
+                         store.sql_update(object.get(), false, client.name);
                 record.about(object->dn, object->MOInstance);
             } else {
                 LOG_DEBUG("Database DatabaseWrapper::handleSetAttributeValue Cannot set value to NULL object");

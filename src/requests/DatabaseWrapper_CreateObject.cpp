@@ -123,7 +123,7 @@ void DatabaseWrapper::handleCreateObject(const RawMessage* raw)
 bool DatabaseWrapper::createObject(const std::string& file, const std::string& dn, std::int32_t MOInstance,
                                    const std::string& client, OperationRecord& record)
 {
-    if (!m_template.read(file, dn))
+    if (dn.empty() || !m_template.read(file, dn))
         return false;
     record.about(dn, MOInstance);
     const bool result = insertTemplateObject(dn, MOInstance, client) && insertTemplateStructs(dn, client);

@@ -20,13 +20,22 @@ struct ObjectLines {
     void (*noObject)();
 };
 
-/// The object a request carries; null, logged, when it cannot be rebuilt.
+/// Whether the store can keep it so that it is found again: an object without a pair of its own would
+/// answer to its parent's DN.
+bool isNamed(const DBObject& object) { return !object.dn.empty() && !object.getAttribute(""); }
+
+/// The object a request carries; null, logged, when it cannot be rebuilt. One above the capacity of
+/// an answer could never be fetched again.
 std::unique_ptr<DBObject> objectOf(const ObjectRequest& request, const ObjectLines& lines)
 {
     if (request.uncompressedSize != 0)
         lines.uncompressing();
-    auto object = DBObject::DeSerializeDatafromDB(
-        request.object.data(), static_cast<std::int32_t>(request.object.size()), request.uncompressedSize);
+    std::unique_ptr<DBObject> object;
+    if (request.object.size() <= static_cast<std::size_t>(IPCData::dataCapacity))
+        object = DBObject::DeSerializeDatafromDB(
+            request.object.data(), static_cast<std::int32_t>(request.object.size()), request.uncompressedSize);
+    if (object && !isNamed(*object))
+        object.reset();
     if (!object)
         lines.noObject();
     return object;

@@ -12,14 +12,15 @@
 #include <Poco/DOM/NodeFilter.h>
 #include <Poco/DOM/NodeIterator.h>
 #include <Poco/SAX/DefaultHandler.h>
-#include <Poco/SAX/InputSource.h>
 #include <Poco/SAX/SAXException.h>
 #include <Poco/SAX/SAXParser.h>
 #include <Poco/SAX/XMLReader.h>
 
-#include <fstream>
+#include <fcntl.h>
 #include <iostream>
+#include <optional>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -65,7 +66,7 @@ public:
     {
         for (const Element* part = firstChild(attribute); part; part = nextElement(*part))
             readPart(*part);
-        if (!m_hasMembers)
+        if (!m_hasMembers && !m_name.empty())
             m_target.plain[m_name] = {m_value, m_type};
     }
 
@@ -121,16 +122,34 @@ private:
     bool m_hasMembers = false;
 };
 
-bool isReadable(const std::string& path)
+/// A regular file's content; none when there is no such file, or it is too large. Opened without
+/// waiting: a named pipe must not hold the request thread up.
+std::optional<std::string> contentOf(const std::string& path)
 {
+    const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     struct stat status {};
-    return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
-           status.st_size <= static_cast<off_t>(ObjectTemplate::maxFileSize);
+    std::optional<std::string> content;
+    if (file >= 0 && fstat(file, &status) == 0 && S_ISREG(status.st_mode) &&
+        status.st_size <= static_cast<off_t>(ObjectTemplate::maxFileSize)) {
+        content.emplace(static_cast<std::size_t>(status.st_size), '\0');
+        const ssize_t length = read(file, content->data(), content->size());
+        content->resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    }
+    if (file >= 0)
+        close(file);
+    return content;
 }
 
-/// Refuses elements that are nested too deep, before a document of them is built.
-class DepthCheck : public DefaultHandler {
+/// Refuses elements that are nested too deep, and entities that swell to more text than a file may
+/// hold, before a document of them is built.
+class ShapeCheck : public DefaultHandler {
 public:
+    void characters(const XMLChar*, int, int length) override
+    {
+        m_text += static_cast<std::size_t>(length);
+        if (m_text > ObjectTemplate::maxFileSize)
+            throw SAXException("more text than a template file may hold");
+    }
     void startElement(const XMLString&, const XMLString&, const XMLString&, const Attributes&) override
     {
         if (++m_depth > ObjectTemplate::maxDepth)
@@ -140,34 +159,33 @@ public:
 
 private:
     std::size_t m_depth = 0;
+    std::size_t m_text = 0;
 };
 
-void checkDepth(std::istream& file)
+void checkShape(const std::string& content)
 {
-    DepthCheck check;
+    ShapeCheck check;
     SAXParser parser;
     parser.setFeature(XMLReader::FEATURE_EXTERNAL_GENERAL_ENTITIES, false);
     parser.setFeature(XMLReader::FEATURE_EXTERNAL_PARAMETER_ENTITIES, false);
     parser.setContentHandler(&check);
-    InputSource source(file);
-    parser.parse(&source);
-    file.clear();
-    file.seekg(0);
+    parser.parseMemoryNP(content.data(), content.size());
 }
 
-void parse(std::istream& file, const std::string& dn, ObjectTemplate& target)
+void parse(const std::string& content, const std::string& dn, ObjectTemplate& target)
 {
-    checkDepth(file);
+    checkShape(content);
     DOMParser parser;
     parser.setFeature(XMLReader::FEATURE_EXTERNAL_GENERAL_ENTITIES, false);
     parser.setFeature(XMLReader::FEATURE_EXTERNAL_PARAMETER_ENTITIES, false);
-    InputSource source(file);
-    Poco::AutoPtr<Document> document = parser.parse(&source);
+    Poco::AutoPtr<Document> document = parser.parseMemory(content.data(), content.size());
     const Element* const object = findObject(*document, dn);
     if (!object)
         return;
-    for (const Element* part = nextElement(*firstChild(*object)); part && part->nodeName() == "attribute";
-         part = nextElement(*part))
+    const Element* part = nextElement(*firstChild(*object));
+    if (!part || !part->hasChildNodes())
+        return;
+    for (; part && part->nodeName() == "attribute"; part = nextElement(*part))
         AttributeReader(target).read(*part);
 }
 
@@ -182,15 +200,13 @@ void ObjectTemplate::clear()
 bool ObjectTemplate::read(const std::string& path, const std::string& dn)
 {
     clear();
-    std::ifstream file;
-    if (isReadable(path))
-        file.open(path, std::ios::binary);
-    if (!file.is_open() || !file) {
+    const auto content = contentOf(path);
+    if (!content) {
         LOG_ERROR("Problems with opening %s ", path.c_str());
         return false;
     }
     try {
-        parse(file, dn, *this);
+        parse(*content, dn, *this);
         return true;
     } catch (const Poco::Exception& error) {
         std::cerr << error.displayText() << std::endl;

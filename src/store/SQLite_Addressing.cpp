@@ -141,9 +141,10 @@ bool SQLite::cachedIdStands(const std::vector<std::string>& pairs, const std::st
     const auto row = objectRow(m_lastId);
     if (!row || pairs.empty())
         return false;
-    if (pairs.size() > 1)
-        return row->dn == pairs.back() || row->dn == dn;
-    return row->dn == pairs.back() && row->MOInstance == MOInstance && (parentId == 0 || row->parent == parentId);
+    if (pairs.size() > 1 && row->dn == pairs.back())
+        return true;
+    return row->dn == (pairs.size() > 1 ? dn : pairs.back()) && row->MOInstance == MOInstance &&
+           (parentId == 0 || row->parent == parentId);
 }
 
 std::int32_t SQLite::findSinglePair(const std::string& pair, std::int32_t MOInstance, std::int32_t parentId,

@@ -77,13 +77,21 @@ void SQLite::announceDeletion(std::int32_t objectId)
         m_sink->objectGoes(*object);
 }
 
-/// Deletes the row, and with it what hangs below; SQLITE_DONE on success.
+/// Deletes the row, and with it what hangs below; SQLITE_DONE on success, else nothing is deleted.
 int SQLite::deleteRows(std::int32_t objectId)
 {
-    Statement remove(m_runtime, "delete from DBObject where id = %d", objectId);
-    const int result = remove.step();
-    // SQLite follows 1,000 levels of cascades and undoes the statement when there are more.
-    return result == SQLITE_ERROR ? deleteDeepestFirst(objectId) : result;
+    const auto run = [this](const char* sql) { Statement(m_runtime, sql).step(); };
+    run("SAVEPOINT subtree");
+    int result = Statement(m_runtime, "delete from DBObject where id = %d", objectId).step();
+    if (result == SQLITE_ERROR) {
+        // After 1,000 levels of cascades SQLite gives up, and leaves the rows below without parents.
+        run("ROLLBACK TO subtree");
+        result = deleteDeepestFirst(objectId);
+    }
+    if (result != SQLITE_DONE)
+        run("ROLLBACK TO subtree");
+    run("RELEASE subtree");
+    return result;
 }
 
 int SQLite::deleteDeepestFirst(std::int32_t objectId)

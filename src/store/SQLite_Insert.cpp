@@ -40,6 +40,8 @@ public:
             return false;
         if (m_holdsReference)
             setReferences();
+        if (!m_store.m_runtime->inTransaction())
+            return false; // rolled back by SQLite while a reference was set
         transaction.finish();
         return true;
     }
@@ -162,7 +164,7 @@ bool SQLite::InsertOperation::insertAttribute(const Attribute& attribute)
                   m_client.c_str());
         m_store.doIntegrityCheck();
     }
-    return true;
+    return m_store.m_runtime->inTransaction(); // on some errors SQLite has rolled back everything
 }
 
 void SQLite::InsertOperation::setReferences()

@@ -134,7 +134,12 @@ void SQLite::removeReference(std::int32_t objectId, bool inTransaction)
         const std::string wholeDn = get_whole_dn(objectId);
         LOG_DEBUG("SQLite::%s, where to remove = '%s' ", __func__, value.c_str());
         LOG_DEBUG("SQLite::%s, what to remove = '%s' ", __func__, wholeDn.c_str());
-        removeSingleReference(value, wholeDn, inTransaction);
+        try {
+            removeSingleReference(value, wholeDn, inTransaction);
+        } catch (const std::bad_variant_access&) {
+            // A target's list that is no text names nobody, so it must not keep the referrer for ever.
+            LOG_ERROR("SQLite::%s: the reservedBy of a target in '%s' is no text", __func__, value.c_str());
+        }
         ++handled;
     }
     if (handled == 0)

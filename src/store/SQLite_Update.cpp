@@ -68,7 +68,7 @@ private:
                 return false;
         if (m_referenceWritten)
             updateReferences();
-        return true;
+        return m_store.m_runtime->inTransaction(); // false: rolled back by SQLite while a reference was set
     }
 
     std::int32_t findId();

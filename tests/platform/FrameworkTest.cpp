@@ -54,7 +54,7 @@ private:
 };
 
 class FrameworkTest : public PlatformTest {};
-using FrameworkDeathTest = FrameworkTest;
+class FrameworkDeathTest : public testing::Test {}; // no directory: its processes end abruptly
 
 TEST_F(FrameworkTest, MachineSurvivesExceptionsAndReportsUnhandledEvents)
 {

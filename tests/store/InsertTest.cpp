@@ -1,0 +1,265 @@
+// What an insert leaves behind, whole or not at all.
+
+#include "tests/support/Faults.h"
+#include "tests/support/TempStore.h"
+
+#include <sqlite3.h>
+
+#include <cmath>
+#include <ctime>
+#include <limits>
+
+using namespace IPCData;
+
+namespace {
+
+class Insert : public TempStore {
+protected:
+    /// The type codes and values of an object's attributes as SQLite holds them.
+    std::string types() const { return committed("select value_type from Attribute order by name"); }
+};
+
+const std::string tree = "select dn from DBObject order by id";
+
+template <class Number>
+Value lowest()
+{
+    return std::numeric_limits<Number>::lowest();
+}
+
+template <class Number>
+Value highest()
+{
+    return std::numeric_limits<Number>::max();
+}
+
+/// The extremes of every type, each with the code it is declared as.
+std::vector<std::pair<std::int32_t, Value>> extremes()
+{
+    std::vector<std::pair<std::int32_t, Value>> all{{INT8, lowest<std::int8_t>()},
+                                                    {INT8, highest<std::int8_t>()},
+                                                    {INT16, lowest<std::int16_t>()},
+                                                    {INT16, highest<std::int16_t>()},
+                                                    {INT32, lowest<std::int32_t>()},
+                                                    {ENUM, highest<std::int32_t>()},
+                                                    {INT64, lowest<std::int64_t>()},
+                                                    {INT64, highest<std::int64_t>()},
+                                                    {UINT8, highest<std::uint8_t>()},
+                                                    {UINT16, highest<std::uint16_t>()},
+                                                    {UINT32, highest<std::uint32_t>()},
+                                                    {UINT64, highest<std::uint64_t>()},
+                                                    {UINT64, Value(1ULL << 63)},
+                                                    {BOOLEAN, Value(true)},
+                                                    {BOOLEAN, Value(false)},
+                                                    {FLOAT, lowest<float>()},
+                                                    {FLOAT, highest<float>()},
+                                                    {FLOAT, Value(0.1F)},
+                                                    {DECIMAL64, lowest<double>()},
+                                                    {DECIMAL64, highest<double>()},
+                                                    {DECIMAL64, Value(0.1 + 0.2)}};
+    all.emplace_back(FLOAT, std::numeric_limits<float>::denorm_min());
+    all.emplace_back(FLOAT, -std::numeric_limits<float>::infinity());
+    all.emplace_back(DECIMAL64, std::numeric_limits<double>::denorm_min());
+    all.emplace_back(DECIMAL64, std::numeric_limits<double>::infinity());
+    all.emplace_back(DECIMAL64, -0.0);
+    all.emplace_back(FLOAT, -0.0F);
+    std::string everyByte(256, '\0');
+    for (std::size_t i = 0; i < everyByte.size(); ++i)
+        everyByte[i] = static_cast<char>(i);
+    for (const std::int32_t type : {9, 14, 18, 24, 30, 32}) {
+        all.emplace_back(type, everyByte);
+        all.emplace_back(type, std::string());
+    }
+    all.emplace_back(STRING, std::string("\0", 1));
+    all.emplace_back(TEXT, std::string(300000, 'x'));
+    all.emplace_back(REFERENCE, std::string("Nobody='1',\"x%\",Ü=å;B=2"));
+    all.emplace_back(SECOND_REFERENCE, std::string("Nobody=2"));
+    return all;
+}
+
+bool isNegativeZero(const Value& value)
+{
+    const auto* const wide = std::get_if<double>(&value);
+    const auto* const narrow = std::get_if<float>(&value);
+    return (wide && *wide == 0.0 && std::signbit(*wide)) || (narrow && *narrow == 0.0F && std::signbit(*narrow));
+}
+
+} // namespace
+
+TEST_F(Insert, ExtremesOfEveryTypeSurviveSaveAndLoad)
+{
+    const auto all = extremes();
+    std::vector<Attribute> attributes;
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        Attribute each = attribute("a" + std::to_string(i), all[i].second, all[i].first);
+        each.hidden = i % 2 != 0;
+        each.persistent = i % 3 != 0;
+        attributes.push_back(each);
+    }
+    ASSERT_TRUE(insert("A=1", attributes));
+    store().setDatabaseFile(path("copy"));
+    ASSERT_EQ(store().loadOrSaveDb(SQLite::Direction::save), SQLITE_OK);
+    constexpr bool save = false;
+    SQLite::destroyInstance(save);
+    store().setDatabaseFile(path("copy"));
+    ASSERT_EQ(store().loadOrSaveDb(SQLite::Direction::load), SQLITE_OK);
+    const auto loaded = object("A=1");
+    ASSERT_TRUE(loaded);
+    ASSERT_EQ(loaded->attributes.size(), all.size());
+    for (const Attribute& sent : attributes) {
+        const Attribute* const got = loaded->getAttribute(sent.name);
+        ASSERT_TRUE(got) << sent.name;
+        EXPECT_TRUE(got->value == sent.value) << sent.name << " of type " << sent.type << ": " << got->ToStr();
+        EXPECT_EQ(isNegativeZero(got->value), isNegativeZero(sent.value)) << sent.name;
+        EXPECT_EQ(got->type, sent.type);
+        EXPECT_EQ(got->hidden, sent.hidden);
+        EXPECT_EQ(got->persistent, sent.persistent);
+        EXPECT_FALSE(got->changed);
+    }
+}
+
+TEST_F(Insert, CodeThatDoesNotFitTheValueIsReplaced)
+{
+    ASSERT_TRUE(insert("A=1", {attribute("a", std::string("x"), INT32), attribute("b", std::int32_t{1}, REFERENCE),
+                               attribute("c", 1.5F, 13), attribute("d", std::int32_t{2}, ENUM),
+                               attribute("e", true, 99), attribute("f", std::uint64_t{1}, 0)}));
+    EXPECT_EQ(types(), "9,3,17,12,10,8");
+}
+
+TEST_F(Insert, RowOfAnInvalidTypeIsToldAndTheObjectStaysReadable)
+{
+    ASSERT_TRUE(insert("A=1", {text("a", "x"), text("b", "y")}));
+    ASSERT_EQ(store().runtime()->execute("update Attribute set value_type = 13 where name = 'a'"), SQLITE_OK);
+    const auto found = object("A=1");
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->getAttribute("a")->value, Value(std::int8_t{0}));
+    EXPECT_EQ(found->getAttribute("a")->type, 13);
+    EXPECT_EQ(found->getAttribute("b")->ToStr(), "y");
+    EXPECT_EQ(log.count(mwLogError, "Attribute value type 13 invalid!"), 1);
+}
+
+TEST_F(Insert, ExistingObjectIsUpdated)
+{
+    ASSERT_TRUE(insert("A=1", {text("a", "x"), text("kept", "k")}));
+    ASSERT_TRUE(insert("A=1", {text("a", "y"), text("new", "n")}));
+    EXPECT_EQ(value("A=1", "a"), "y");
+    EXPECT_EQ(value("A=1", "new"), "n");
+    EXPECT_EQ(value("A=1", "kept"), "k");
+    EXPECT_EQ(committed("select count(*) from DBObject where dn = 'A=1'"), "1");
+    EXPECT_TRUE(anotherConnectionCanWrite());
+}
+
+TEST_F(Insert, InstancesOfOneDnAreObjectsOfTheirOwn)
+{
+    ASSERT_TRUE(insert("A=1", {text("a", "first")}, true, 1));
+    ASSERT_TRUE(insert("A=1", {text("a", "second")}, true, 2));
+    ASSERT_TRUE(insert("A=1", {text("a", "changed")}, true, 2)) << "an insert that updates finds its own instance";
+    EXPECT_EQ(object("A=1", 1)->getAttribute("a")->ToStr(), "first");
+    EXPECT_EQ(object("A=1", 2)->getAttribute("a")->ToStr(), "changed");
+    EXPECT_FALSE(object("A=1", 3));
+    EXPECT_FALSE(insert("A=2", {}, true, 0));
+    EXPECT_EQ(log.count(mwLogError, "Insert Error: MOInstance is 0"), 1);
+    EXPECT_EQ(committed(tree), "baseobject,A=1,A=1");
+}
+
+TEST_F(Insert, OrphanBecomesARootWithTwoErrorLinesAndACheck)
+{
+    ASSERT_TRUE(insert("ManagedElement=1"));
+    EXPECT_EQ(log.count(mwLogError), 0) << "the one object that may stand without a parent";
+    ASSERT_TRUE(insert("Nowhere=1,A=1"));
+    EXPECT_EQ(committed("select parent from DBObject where dn = 'A=1'"), "0");
+    EXPECT_EQ(log.count(mwLogError, "Parent not found. DBObject(dn: 'A=1' parent_dn: Nowhere=1) Client: test"), 1);
+    EXPECT_EQ(log.count(mwLogError, "insert without parent. DBObject(dn: 'A=1') Client: test"), 1);
+    EXPECT_EQ(log.count(mwLogInfo, "integrity ok"), 1);
+    EXPECT_TRUE(middleware.state().controlledResets.empty());
+}
+
+TEST_F(Insert, RefusedRowOrAttributeLeavesNothingBehind)
+{
+    {
+        RefusedPrepare refused(handle(), SQLITE_INSERT, "DBObject");
+        EXPECT_FALSE(insert("A=1", {text("a", "x")}));
+    }
+    EXPECT_EQ(log.count(mwLogError, "Db error, DBObject: "), 1);
+    {
+        RefusedPrepare refused(handle(), SQLITE_INSERT, "Attribute");
+        EXPECT_FALSE(insert("A=1", {text("a", "x")}));
+    }
+    EXPECT_EQ(log.count(mwLogError, "Db error, Attributes: "), 1);
+    EXPECT_EQ(committed(tree), "baseobject");
+    EXPECT_TRUE(anotherConnectionCanWrite());
+    EXPECT_TRUE(insert("A=1", {text("a", "x")})) << "and the next insert works";
+}
+
+TEST_F(Insert, TransactionThatSqliteRolledBackItselfIsNotCalledASuccess)
+{
+    ASSERT_TRUE(insert("A=1"));
+    {
+        BrokenStep broken(handle(), "INSERT INTO Attribute");
+        EXPECT_FALSE(insert("A=2", {text("a", "x"), text("b", "y")}));
+    }
+    EXPECT_EQ(committed(tree), "baseobject,A=1");
+    EXPECT_EQ(committed("select count(*) from Attribute"), "0");
+    EXPECT_TRUE(anotherConnectionCanWrite());
+    EXPECT_TRUE(insert("A=2", {text("a", "x")}));
+}
+
+TEST_F(Insert, JoinedInsertLeavesTheTransactionToItsCaller)
+{
+    ASSERT_TRUE(store().sql_start_transaction());
+    DBObject first = container("A=1", {text("a", "x")});
+    DBObject second = container("B=1", {text("b", "x")});
+    ASSERT_TRUE(store().sql_insert(&first, true, "test"));
+    {
+        RefusedPrepare refused(handle(), SQLITE_INSERT, "Attribute");
+        store().sql_insert(&second, true, "test");
+    }
+    EXPECT_TRUE(store().transactionOpen());
+    EXPECT_EQ(committed(tree), "baseobject");
+    ASSERT_TRUE(store().sql_rollback_transaction());
+    EXPECT_EQ(committed(tree), "baseobject");
+    EXPECT_FALSE(object("A=1"));
+    EXPECT_TRUE(anotherConnectionCanWrite());
+}
+
+TEST_F(Insert, TimeStampsAreFilledInForModelObjectsThatHaveThem)
+{
+    const std::time_t before = std::time(nullptr);
+    const auto stamps = [] {
+        return std::vector<Attribute>{attribute("timeOfCreation", std::int32_t{5}),
+                                      text("timeOfLastModification", "x")};
+    };
+    ASSERT_TRUE(insert("A=1", stamps()));
+    std::tm created{};
+    const std::string time = value("A=1", "timeOfCreation");
+    ASSERT_TRUE(strptime(time.c_str(), "%Y-%m-%d %H:%M:%S", &created)) << time;
+    EXPECT_GE(timegm(&created), before);
+    EXPECT_LE(timegm(&created), std::time(nullptr));
+    EXPECT_EQ(value("A=1", "timeOfLastModification"), "") << "no lastModification, no time";
+    EXPECT_EQ(types(), "9,9");
+    auto withModification = stamps();
+    withModification.push_back(text("lastModification", "by hand"));
+    ASSERT_TRUE(insert("A=2", withModification));
+    EXPECT_EQ(value("A=2", "timeOfLastModification").size(), 19U);
+    ASSERT_TRUE(insert("A=3", stamps(), false));
+    EXPECT_EQ(value("A=3", "timeOfCreation"), "5");
+    ASSERT_TRUE(insert("A=4"));
+    EXPECT_TRUE(object("A=4")->attributes.empty()) << "no time stamp is added";
+}
+
+TEST_F(Insert, ContainersIdsOfObjectsThatAreGoneReachNobodyElse)
+{
+    ASSERT_TRUE(insert("A=1"));
+    ASSERT_TRUE(insert("A=1,B=1", {text("b", "old")}));
+    const auto stale = object("A=1,B=1");
+    ASSERT_TRUE(store().delete_object("A=1", 1, false, "test"));
+    ASSERT_TRUE(insert("X=1"));
+    ASSERT_TRUE(insert("X=1,Y=1", {text("b", "theirs")}));
+    ASSERT_EQ(idOf("X=1,Y=1"), stale->id) << "SQLite uses row ids again";
+    ASSERT_TRUE(insert("A=1"));
+    stale->getAttribute("b")->SetValue(Value(std::string("new")));
+    ASSERT_TRUE(store().sql_insert(stale.get(), false, "test"));
+    EXPECT_EQ(value("X=1,Y=1", "b"), "theirs");
+    EXPECT_EQ(value("A=1,B=1", "b"), "new");
+    EXPECT_FALSE(object("X=1,B=1"));
+}

@@ -1,7 +1,7 @@
 // Measures a request's way through the framework and back, without a database behind it: client
 // node, socket, I/O thread, state machine, answer. A program to run by hand:
 //
-//     build/release/bin/message_round_trip [REQUESTS [CLIENTS]]
+//     build/bench/bin/message_round_trip [REQUESTS [CLIENTS]]
 
 #include "platform/framework/FrameworkCore.h"
 #include "platform/framework/Messaging.h"
@@ -73,6 +73,7 @@ void measure(const std::string& directory, std::int32_t clientId, int requests)
     TAMO_DBPresence request;
     request.dn = "ManagedElement=1,Equipment=1";
     std::vector<double> micros;
+    micros.reserve(static_cast<std::size_t>(requests));
     const auto begin = std::chrono::steady_clock::now();
     for (int i = 0; i < requests; ++i) {
         const auto start = std::chrono::steady_clock::now();
@@ -113,6 +114,7 @@ int main(int count, char** arguments)
         return 1;
     const pid_t server = inChild([&] { serve(directory); });
     std::vector<pid_t> children;
+    children.reserve(static_cast<std::size_t>(clients));
     for (int i = 0; i < clients; ++i)
         children.push_back(inChild([&] { measure(directory, 100 + i, requests); }));
     for (const pid_t child : children)
