@@ -67,7 +67,8 @@ void loadInitialTree(SQLite& store)
     const std::string file = store.databaseFile();
     if (SQLite::CheckIfFileExists(file) && !moveAside(file))
         LOG_ERROR("Cannot put %s aside: %s", file.c_str(), std::strerror(errno));
-    store.loadOrSaveDb(SQLite::Direction::load);
+    if (store.loadOrSaveDb(SQLite::Direction::load) != 0)
+        store.setLoadError();
 }
 
 void synchroniseAttributes(SQLite& store)

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
+#include <utility>
 
 namespace TAMO::Framework {
 
@@ -49,6 +50,11 @@ extern "C" void onTerminationSignal(int number)
 /// The handlers and the thread behind them, from initialize() to finalize().
 class SignalWatch {
 public:
+    SignalWatch() = default;
+    ~SignalWatch() { stop(); }
+    SignalWatch(const SignalWatch&) = delete;
+    SignalWatch& operator=(const SignalWatch&) = delete;
+
     bool start();
     void stop();
 
@@ -83,11 +89,13 @@ bool SignalWatch::start()
 
 void SignalWatch::stop()
 {
+    if (m_readEnd < 0)
+        return;
     for (std::size_t i = 0; i < std::size(watchedSignals); ++i)
         sigaction(watchedSignals[i], &m_earlier[i], nullptr);
     ::close(signalPipe.exchange(-1));
     m_thread.join();
-    ::close(m_readEnd);
+    ::close(std::exchange(m_readEnd, -1));
 }
 
 void SignalWatch::run(int readEnd)
@@ -154,7 +162,7 @@ void Termination::attach(EventQueueHandler& queue)
     const std::lock_guard lock(attached().mutex);
     attached().queues.push_back(&queue);
     if (attached().requested)
-        queue.push(std::make_unique<Event>(terminateRequested));
+        queue.pushFirst(std::make_unique<Event>(terminateRequested));
 }
 
 void Termination::detach(EventQueueHandler& queue)
@@ -168,7 +176,7 @@ void Termination::request()
     const std::lock_guard lock(attached().mutex);
     attached().requested = true;
     for (EventQueueHandler* queue : attached().queues)
-        queue->push(std::make_unique<Event>(terminateRequested));
+        queue->pushFirst(std::make_unique<Event>(terminateRequested));
 }
 
 void Termination::reset()

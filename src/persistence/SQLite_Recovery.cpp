@@ -88,6 +88,8 @@ bool SQLite::checkDbIntegrity(const std::string& file)
 
 bool SQLite::doIntegrityCheck()
 {
+    if (!m_runtime)
+        return false; // nothing was ever opened: no file to judge, and no reason for a reset
     if (m_checkingIntegrity)
         return true;
     const CheckScope scope(m_checkingIntegrity);

@@ -113,16 +113,16 @@ bool AlternateStorage::getAlternateStorageAttribute(std::int32_t objectId, const
     return true;
 }
 
-/// True when there is a row; `known` tells whether SQLite could say so.
-bool AlternateStorage::rowsExist(Statement& rows, const char* operation, bool& known)
+/// Whether there is a row; none, logged and checked, when SQLite could not say. SQLITE_ERROR, as of a
+/// table that is not there, counts as no row.
+std::optional<bool> AlternateStorage::anyRow(Statement& rows, const char* operation)
 {
     const int result = rows.step();
-    known = result == SQLITE_ROW || result == SQLITE_DONE;
-    if (!known) {
-        LOG_ERROR("AlternateStorage::%s: SQLite error [%s]", operation, m_connection.message());
-        checkFiles();
-    }
-    return result == SQLITE_ROW;
+    if (result == SQLITE_ROW || result == SQLITE_DONE || result == SQLITE_ERROR)
+        return result == SQLITE_ROW;
+    LOG_ERROR("AlternateStorage::%s: SQLite error [%s]", operation, m_connection.message());
+    checkFiles();
+    return std::nullopt;
 }
 
 bool AlternateStorage::hasAlternateStorageAttributes(std::int32_t objectId)
@@ -130,8 +130,7 @@ bool AlternateStorage::hasAlternateStorageAttributes(std::int32_t objectId)
     if (!tableExists())
         return false;
     Statement rows(&m_connection, "SELECT * FROM Attribute_AltStorage WHERE belongsTo=%d", objectId);
-    bool known = false;
-    return rowsExist(rows, __func__, known);
+    return anyRow(rows, __func__).value_or(false);
 }
 
 bool AlternateStorage::alternateStorageEmpty()
@@ -139,8 +138,7 @@ bool AlternateStorage::alternateStorageEmpty()
     if (!tableExists())
         return true;
     Statement rows(&m_connection, "SELECT * FROM Attribute_AltStorage");
-    bool known = false;
-    return !rowsExist(rows, __func__, known) && known;
+    return !anyRow(rows, __func__).value_or(true);
 }
 
 bool AlternateStorage::dropAlternateStorage()

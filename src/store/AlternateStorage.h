@@ -3,6 +3,7 @@
 #include "values/Attribute.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,7 +38,7 @@ public:
 
 private:
     bool createTable();
-    bool rowsExist(class Statement& rows, const char* operation, bool& known);
+    std::optional<bool> anyRow(class Statement& rows, const char* operation);
 
     Connection& m_connection;
 };

@@ -4,16 +4,19 @@
 
 #include "platform/middleware/Log.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <libgen.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
+
+/// What SQLite may keep beside a database file.
+constexpr const char* sideFiles[] = {"-journal", "-wal", "-shm"};
 
 /// The path of this executable as "/proc/self/exe" links to it; "" when it cannot be read.
 std::string linkedExecutable()
@@ -107,16 +110,24 @@ bool isRegularFile(const std::string& path)
 
 bool removeWithSideFiles(const std::string& path)
 {
-    for (const char* suffix : {"-journal", "-wal", "-shm"})
+    // The file first: were it left without its journal by a kill in between, it would pass for sound.
+    const bool removed = unlink(path.c_str()) == 0;
+    const int error = errno;
+    for (const char* suffix : sideFiles)
         unlink((path + suffix).c_str());
-    return unlink(path.c_str()) == 0;
+    errno = error;
+    return removed;
 }
 
 bool moveAside(const std::string& path)
 {
-    for (const char* suffix : {"-journal", "-wal", "-shm"})
-        unlink((path + suffix).c_str());
-    return rename(path.c_str(), rejectedName(path).c_str()) == 0;
+    const std::string aside = rejectedName(path);
+    if (rename(path.c_str(), aside.c_str()) != 0)
+        return false;
+    for (const char* suffix : sideFiles)
+        if (rename((path + suffix).c_str(), (aside + suffix).c_str()) != 0)
+            unlink((aside + suffix).c_str()); // of an earlier generation
+    return true;
 }
 
 std::string rejectedName(const std::string& path) { return path + ".rejected"; }

@@ -47,8 +47,8 @@ bool isRegularFile(const std::string& path);
 /// could not be removed.
 bool removeWithSideFiles(const std::string& path);
 
-/// Puts a file that is in the way aside as NAME.rejected (one generation) and removes its side
-/// files. False, errno set, when it could not be moved.
+/// Puts a file that is in the way aside as NAME.rejected (one generation), its side files with it.
+/// False, errno set, when it could not be moved.
 bool moveAside(const std::string& path);
 
 /// The name moveAside() gives.

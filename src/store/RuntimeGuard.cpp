@@ -70,9 +70,16 @@ bool RuntimeGuard::claim()
     const std::string directory = runtimeDirectory();
     const char* const path = directory.c_str();
     struct stat status {};
-    if (directory.empty() || stat(path, &status) != 0 || !S_ISDIR(status.st_mode)) {
-        LOG_ERROR("TAMO_DB_RUNTIME_PATH does not name a directory of at most %zu characters: '%s'",
-                  maxRuntimePathLength, std::getenv("TAMO_DB_RUNTIME_PATH"));
+    if (directory.empty()) {
+        LOG_ERROR("TAMO_DB_RUNTIME_PATH is empty or longer than %zu characters", maxRuntimePathLength);
+        return false;
+    }
+    if (stat(path, &status) != 0) {
+        LOG_ERROR("TAMO_DB_RUNTIME_PATH names a directory that cannot be used: %s (%s)", path, std::strerror(errno));
+        return false;
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        LOG_ERROR("TAMO_DB_RUNTIME_PATH does not name a directory: %s", path);
         return false;
     }
     if (access(path, W_OK | X_OK) != 0) {

@@ -10,6 +10,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 class ChangeSink;
@@ -38,8 +41,6 @@ public:
         std::int32_t MOInstance = 0;
         bool isMOMObject = false;
         bool system = false;
-        /// A member object of a struct-valued attribute of its parent.
-        bool isStruct() const { return !isMOMObject && dn.find(':') != std::string::npos; }
     };
 
     // --- Life (SQLite_Lifecycle.cpp) ---------------------------------------------------------
@@ -177,7 +178,9 @@ public:
     /// Stores an object with its attributes; one that exists already is updated. The container gets
     /// the parent id and parent MOInstance that were found, and its time stamps.
     bool sql_insert(DBObject* object, bool inTransaction, const std::string& client);
-    /// Writes the changed attributes of a stored object.
+    /// Writes the changed attributes of a stored object. A container that carries ids and DNs is
+    /// found by its DNs when the two differ, so it does not move an object; one without a parent DN
+    /// moves it to its parent id.
     bool sql_update(DBObject* object, bool inTransaction, const std::string& client);
     /// True when the stored value is this very value, kind and content.
     bool checkIsSameValue(const Value& value, std::int32_t storedType, std::string_view storedText,
@@ -254,11 +257,11 @@ public:
 private:
     friend class ConnectionSwap;
 
-    /// A row of the reference attributes: which value, held by which object.
-    struct ReferenceRow {
-        std::string value;
-        std::int32_t belongsTo = 0;
-    };
+    /// The objects that name a DN in a reference attribute, by that DN.
+    using Referrers = std::unordered_map<std::string, std::vector<std::int32_t>>;
+
+    /// Longer chains of parents are taken for a damaged file's ring.
+    static constexpr int maxLevels = 100000;
 
     SQLite();
     ~SQLite();
@@ -287,7 +290,8 @@ private:
     std::int32_t findSinglePair(const std::string& pair, std::int32_t MOInstance, std::int32_t parentId, int& result);
     std::int32_t followPairs(std::int32_t fromId, const std::vector<std::string>& pairs, std::size_t first,
                              int& result);
-    std::int32_t findPath(const std::vector<std::string>& pairs, int& result);
+    std::int32_t findPath(const std::string& dn, const std::vector<std::string>& pairs, std::int32_t MOInstance,
+                          int& result);
 
     bool readObjectRow(DBObject& object, std::int32_t objectId, const std::string& client);
     bool readAttributes(DBObject& object);
@@ -297,15 +301,15 @@ private:
     void checkParentId(DBObject& object);
     void resolveParent(DBObject& object);
     std::int32_t childWithInstance(const std::string& pair, std::int32_t parentId, std::int32_t MOInstance);
-    bool idIsStale(std::int32_t objectId, const std::string& pair, const std::string& parentDn);
+    bool idIsStale(const DBObject& object, const std::string& pair);
     bool reachesItself(std::int32_t objectId, std::int32_t newParent);
     class WriteOperation;
     class InsertOperation;
     class UpdateOperation;
 
-    bool referenceRows(std::vector<ReferenceRow>& rows);
-    bool blocksDeletion(const std::vector<ReferenceRow>& rows, const std::string& wholeDn,
-                        const std::vector<std::string>& deletedDns);
+    bool readReferrers(Referrers& referrers);
+    bool blocksDeletion(const Referrers& referrers, const std::string& wholeDn,
+                        const std::unordered_set<std::string>& deletedDns);
     int deleteRows(std::int32_t objectId);
     int deleteDeepestFirst(std::int32_t objectId);
     void announceDeletion(std::int32_t objectId);

@@ -15,9 +15,6 @@
 
 namespace {
 
-/// Longer chains of parents are taken for a damaged file's ring.
-constexpr int maxLevels = 100000;
-
 constexpr const char* noName = "unInitialised";
 
 bool isError(int result) { return result != SQLITE_OK && result != SQLITE_ROW && result != SQLITE_DONE; }
@@ -179,16 +176,30 @@ std::int32_t SQLite::followPairs(std::int32_t fromId, const std::vector<std::str
     return id;
 }
 
-std::int32_t SQLite::findPath(const std::vector<std::string>& pairs, int& result)
+/// The object at the end of a path: from the root, else from wherever its first pair stands, else
+/// the one whose own pair is the whole text, commas and all.
+std::int32_t SQLite::findPath(const std::string& dn, const std::vector<std::string>& pairs, std::int32_t MOInstance,
+                              int& result)
 {
     if (const std::int32_t id = followPairs(0, pairs, 0, result); id != 0 || isError(result))
         return id;
-    Statement starts(m_runtime, "select id from DBObject where dn = %Q and parent != 0", pairs.front().c_str());
-    while (starts.next())
-        if (const std::int32_t id = followPairs(starts.integer(0), pairs, 1, result); id != 0 || isError(result))
+    // Nothing but the root has an index for this, so one look at every row must do.
+    std::int32_t whole = 0;
+    Statement rows(
+        m_runtime,
+        "select id,parent,dn = %Q from DBObject where (dn = %Q and parent != 0) or (dn = %Q and MOInstance = "
+        "%d)",
+        dn.c_str(), pairs.front().c_str(), dn.c_str(), MOInstance);
+    while (rows.next()) {
+        if (rows.integer(2) != 0) {
+            if (whole == 0 || rows.integer(1) == 0)
+                whole = rows.integer(0);
+        } else if (const std::int32_t id = followPairs(rows.integer(0), pairs, 1, result); id != 0 || isError(result)) {
             return id;
-    result = starts.result();
-    return 0;
+        }
+    }
+    result = rows.result();
+    return whole;
 }
 
 std::int32_t SQLite::get_object_id(const std::string& dn, std::int32_t MOInstance, std::int32_t parentId)
@@ -212,9 +223,7 @@ std::int32_t SQLite::get_object_id(const std::string& dn, std::int32_t MOInstanc
     std::int32_t id = 0;
     if (severalPairs) {
         LOG_DEBUG("SQLite:1 dnpath size: %d", static_cast<int>(pairs.size()));
-        id = findPath(pairs, result);
-        if (id == 0 && !isError(result))
-            id = findSinglePair(dn, MOInstance, parentId, result); // an object whose own pair holds commas
+        id = findPath(dn, pairs, MOInstance, result);
     } else {
         id = findSinglePair(pairs.front(), MOInstance, parentId, result);
     }
@@ -235,6 +244,8 @@ std::int32_t SQLite::get_object_id(const std::string& dn, std::int32_t MOInstanc
 
 std::int32_t SQLite::get_object_id_with_parent(const std::string& pair, std::int32_t parentId)
 {
+    if (!m_runtime)
+        return 0;
     Statement child(m_runtime, "select id from DBObject where parent=%d and dn=%Q", parentId, pair.c_str());
     const int result = child.step();
     if (result == SQLITE_ROW) {

@@ -135,15 +135,18 @@ SQLite::Objects SQLite::get_all_children(const std::string& parentDn, std::int32
 void SQLite::getAllChildIds(const std::string& dn, std::int32_t MOInstance, std::vector<std::int32_t>& ids,
                             bool skipStructs, std::int32_t objectId)
 {
-    if (unavailable(__func__))
+    const char* const childQuery = "get_all_children"; // whose lines tell of guard and errors
+    if (unavailable(childQuery))
         return;
     const std::int32_t top = objectId != 0 ? objectId : get_object_id(dn, MOInstance);
     if (top == 0) {
-        LOG_ERROR("SQLite::%s, Error while fetching child objects: No such parent dn: %s instance: %d ",
-                  "get_all_children", dn.c_str(), MOInstance);
+        LOG_ERROR("SQLite::%s, Error while fetching child objects: No such parent dn: %s instance: %d ", childQuery,
+                  dn.c_str(), MOInstance);
         return;
     }
-    // Depth first with a stack of our own: a tree may be deeper than the thread's stack.
+    // Depth first with a stack of our own: a tree may be deeper than the thread's stack. An object
+    // met twice is a ring in a damaged file.
+    std::unordered_set<std::int32_t> seen{top};
     std::vector<std::int32_t> open{top};
     while (!open.empty()) {
         const std::int32_t parent = open.back();
@@ -157,11 +160,13 @@ void SQLite::getAllChildIds(const std::string& dn, std::int32_t MOInstance, std:
                 continue;
             LOG_DEBUG("SQLite::%s, found child dn: %s id: %d ", __func__, std::string(rows.text(1)).c_str(),
                       rows.integer(0));
-            children.push_back(rows.integer(0));
+            if (seen.insert(rows.integer(0)).second)
+                children.push_back(rows.integer(0));
+            else
+                LOG_ERROR("SQLite::%s, object %d is below itself", __func__, rows.integer(0));
         }
         if (!rows.done()) {
-            LOG_ERROR("SQLite::%s, Error while fetching child objects! SQLite error: %d", "get_all_children",
-                      rows.result());
+            LOG_ERROR("SQLite::%s, Error while fetching child objects! SQLite error: %d", childQuery, rows.result());
             doIntegrityCheck();
             return;
         }
@@ -206,8 +211,8 @@ std::int32_t SQLite::firstMatch(const std::vector<std::string>& pairs, int& resu
     std::int32_t id = 0;
     for (std::size_t i = 0; i < pairs.size(); ++i) {
         const bool top = i == 0;
-        const std::string sql =
-            createSelectIdSql({pairs[i]}) + (top ? " order by parent != 0" : " and parent = " + std::to_string(id));
+        const std::string sql = createSelectIdSql({pairs[i]}) +
+                                (top ? " and id != 0 order by parent != 0" : " and parent = " + std::to_string(id));
         sqlite3_stmt* raw = nullptr;
         result = sqlite3_prepare_v2(m_runtime->handle(), sql.c_str(), -1, &raw, nullptr);
         if (result != SQLITE_OK)

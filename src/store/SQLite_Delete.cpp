@@ -5,14 +5,13 @@
 
 #include "store/ChangeSink.h"
 #include "store/OwnTransaction.h"
+#include "store/ReservedBy.h"
 #include "store/Statement.h"
 
 #include "platform/middleware/Log.h"
 #include "platform/utility/Toolbox.h"
 
 #include <sqlite3.h>
-
-#include <algorithm>
 
 bool SQLite::delete_object(const std::string& dn, std::int32_t MOInstance, bool inTransaction,
                            const std::string& client)
@@ -32,15 +31,16 @@ bool SQLite::delete_object(const std::string& dn, std::int32_t MOInstance, bool 
     below.reserve(ids.size());
     for (const std::int32_t child : ids)
         below.push_back(get_whole_dn(child));
-    std::vector<ReferenceRow> references;
-    referenceRows(references);
+    const std::unordered_set<std::string> deletedDns(below.begin(), below.end());
+    Referrers referrers;
+    readReferrers(referrers);
     for (const std::string& child : below)
-        if (blocksDeletion(references, child, below)) {
+        if (blocksDeletion(referrers, child, deletedDns)) {
             LOG_DEBUG("SQLite::%s, Reference to a child(%s) of %s exists.. cannot delete", __func__, child.c_str(),
                       dn.c_str());
             return false;
         }
-    if (blocksDeletion(references, get_whole_dn(id), below)) {
+    if (blocksDeletion(referrers, get_whole_dn(id), deletedDns)) {
         LOG_DEBUG("SQLite::%s, Reference to %s exist.. cannot delete", __func__, dn.c_str());
         return false;
     }
@@ -108,23 +108,29 @@ int SQLite::deleteDeepestFirst(std::int32_t objectId)
     return result;
 }
 
-/// All reference attributes that name somebody; false, dealt with, when they could not be read.
-bool SQLite::referenceRows(std::vector<ReferenceRow>& rows)
+/// Everybody whom a reference attribute names; false, dealt with, when they could not be read. The
+/// values are taken apart once, however many objects are to be deleted.
+bool SQLite::readReferrers(Referrers& referrers)
 {
     const char* const operation = "checkReference";
     Statement read(
         m_runtime,
         "select value, belongsTo from Attribute where name is not %Q and (value_type = 11 or value_type = 31)",
-        "reservedBy");
+        reservedBy);
     while (read.next()) {
         if (read.isNull(0)) {
             LOG_DEBUG("SQLite::%s: sqlite3_column_text returned NULL! ", operation);
             continue;
         }
-        ReferenceRow row{std::string(read.text(0)), read.integer(1)};
-        LOG_DEBUG("SQLite::%s: Fetched reference '%s' ", operation, row.value.c_str());
-        if (!row.value.empty())
-            rows.push_back(std::move(row));
+        const std::string value(read.text(0));
+        LOG_DEBUG("SQLite::%s: Fetched reference '%s' ", operation, value.c_str());
+        if (value.empty())
+            continue;
+        std::vector<std::string> named;
+        if (!Toolbox::readStringToList(value, ';', named, true))
+            LOG_ERROR("SQLite::%s cannot parse readStringToList ", operation);
+        for (std::string& dn : named)
+            referrers[std::move(dn)].push_back(read.integer(1));
     }
     if (read.done())
         return true;
@@ -135,38 +141,33 @@ bool SQLite::referenceRows(std::vector<ReferenceRow>& rows)
 
 bool SQLite::checkReference(const std::string& wholeDn, const std::vector<std::string>& deletedDns)
 {
-    std::vector<ReferenceRow> rows;
-    return referenceRows(rows) && blocksDeletion(rows, wholeDn, deletedDns);
+    Referrers referrers;
+    return m_runtime && readReferrers(referrers) &&
+           blocksDeletion(referrers, wholeDn, {deletedDns.begin(), deletedDns.end()});
 }
 
-bool SQLite::blocksDeletion(const std::vector<ReferenceRow>& rows, const std::string& wholeDn,
-                            const std::vector<std::string>& deletedDns)
+bool SQLite::blocksDeletion(const Referrers& referrers, const std::string& wholeDn,
+                            const std::unordered_set<std::string>& deletedDns)
 {
     const char* const operation = "checkReference";
     LOG_DEBUG("SQLite::%s, Check if reference %s exist", operation, wholeDn.c_str());
-    for (const ReferenceRow& row : rows) {
-        std::vector<std::string> named;
-        if (!Toolbox::readStringToList(row.value, ';', named, true)) {
-            LOG_ERROR("SQLite::%s cannot parse readStringToList ", operation);
-            return false;
-        }
-        for (const std::string& dn : named) {
-            if (dn != wholeDn)
+    const auto found = referrers.find(wholeDn);
+    if (found == referrers.end())
+        return false;
+    for (const std::int32_t holder : found->second) {
+        LOG_INFO("SQLite::%s: reference to the dn '%s' found, check if referense will be deleted also", operation,
+                 wholeDn.c_str());
+        if (!deletedDns.empty()) {
+            const std::string holderDn = get_whole_dn(holder);
+            LOG_INFO("SQLite::%s: parent dn '%s'", operation, holderDn.c_str());
+            if (deletedDns.contains(holderDn)) {
+                LOG_INFO("SQLite::%s: parent dn '%s' found from deleted object list", operation, holderDn.c_str());
                 continue;
-            LOG_INFO("SQLite::%s: reference to the dn '%s' found, check if referense will be deleted also", operation,
-                     wholeDn.c_str());
-            if (!deletedDns.empty()) {
-                const std::string holder = get_whole_dn(row.belongsTo);
-                LOG_INFO("SQLite::%s: parent dn '%s'", operation, holder.c_str());
-                if (std::find(deletedDns.begin(), deletedDns.end(), holder) != deletedDns.end()) {
-                    LOG_INFO("SQLite::%s: parent dn '%s' found from deleted object list", operation, holder.c_str());
-                    continue;
-                }
             }
-            LOG_INFO("SQLite::%s: reference to the dn '%s' found from the database, CANNOT DELETE", operation,
-                     wholeDn.c_str());
-            return true;
         }
+        LOG_INFO("SQLite::%s: reference to the dn '%s' found from the database, CANNOT DELETE", operation,
+                 wholeDn.c_str());
+        return true;
     }
     return false;
 }

@@ -83,6 +83,7 @@ int SQLite::openDatabaseFile(Connection& file, Direction direction)
 {
     const bool isDump = m_databaseFile == dumpFile();
     const int timeout = isDump ? dumpBusyTimeout : busyTimeout;
+    CheckIfFileExists(m_databaseFile); // what a killed process left empty counts as missing
     int result = file.open(m_databaseFile, SQLITE_OPEN_READWRITE, timeout);
     bool created = false;
     if (result == SQLITE_CANTOPEN) {
@@ -103,8 +104,10 @@ int SQLite::openDatabaseFile(Connection& file, Direction direction)
     return result;
 }
 
+/// All or nothing: a file without its tables would be taken for a database ever after.
 int SQLite::createSchema(Connection& file) const
 {
+    file.execute("BEGIN IMMEDIATE TRANSACTION");
     for (const SchemaStep& part : schema) {
         Statement statement(&file, part.sql);
         const int result = statement.step();
@@ -112,6 +115,11 @@ int SQLite::createSchema(Connection& file) const
             LOG_ERROR("Error while creating new database file: sqlite3_step() returned %d", result);
             return result;
         }
+    }
+    if (file.execute("COMMIT TRANSACTION") != SQLITE_OK) {
+        const int result = sqlite3_errcode(file.handle());
+        LOG_ERROR("Error while creating new database file: sqlite3_step() returned %d", result);
+        return result;
     }
     LOG_DEBUG("New database file '%s' created", m_databaseFile.c_str());
     return SQLITE_OK;
@@ -201,8 +209,8 @@ bool SQLite::removeDatabaseFile(const std::string& name)
         return false;
     }
     // What start-up once put aside goes with the file it was.
-    unlink(rejectedName(path).c_str());
-    unlink(rejectedName(runtimeDirectory() + "/Database").c_str());
+    removeWithSideFiles(rejectedName(path));
+    removeWithSideFiles(rejectedName(runtimeDirectory() + "/Database"));
     if (!isRegularFile(path)) {
         LOG_DEBUG("SQLite::%s, \"%s\" does not exist, no need to remove", __func__, path.c_str());
         return true;

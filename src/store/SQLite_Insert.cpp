@@ -40,8 +40,8 @@ public:
             return false;
         if (m_holdsReference)
             setReferences();
-        if (!m_store.m_runtime->inTransaction())
-            return false; // rolled back by SQLite while a reference was set
+        if (lostTransaction()) // while a reference was set
+            return false;
         transaction.finish();
         return true;
     }
@@ -85,7 +85,7 @@ void SQLite::InsertOperation::resolveIdentifiers()
         }
     }
     m_knownId = m_object.id;
-    if (m_knownId == 0 || m_store.idIsStale(m_knownId, m_object.dn, m_object.parentDn)) {
+    if (m_knownId == 0 || m_store.idIsStale(m_object, m_object.dn)) {
         m_knownId = m_store.childWithInstance(m_object.dn, m_object.parentId, m_object.MOInstance);
         if (m_knownId == 0)
             m_knownId = m_store.get_object_id_with_parent(m_object.dn, m_object.parentId);
@@ -164,7 +164,7 @@ bool SQLite::InsertOperation::insertAttribute(const Attribute& attribute)
                   m_client.c_str());
         m_store.doIntegrityCheck();
     }
-    return m_store.m_runtime->inTransaction(); // on some errors SQLite has rolled back everything
+    return !lostTransaction();
 }
 
 void SQLite::InsertOperation::setReferences()
@@ -181,14 +181,11 @@ void SQLite::InsertOperation::setReferences()
     }
 }
 
-/// Drops a parent id whose row carries another DN: row ids are used again after a delete.
+/// Drops a parent id whose row carries another DN: row ids are used again after a delete. Without a
+/// DN to go by the id stays, and the foreign key has the last word.
 void SQLite::checkParentId(DBObject& object)
 {
-    if (object.parentId == 0)
-        return;
-    const bool stands =
-        object.parentDn.empty() ? idExists(object.parentId) : get_whole_dn(object.parentId) == object.parentDn;
-    if (!stands)
+    if (object.parentId != 0 && !object.parentDn.empty() && get_whole_dn(object.parentId) != object.parentDn)
         object.parentId = 0;
 }
 
@@ -207,8 +204,11 @@ std::int32_t SQLite::childWithInstance(const std::string& pair, std::int32_t par
     return child.next() ? child.integer(0) : 0;
 }
 
-bool SQLite::idIsStale(std::int32_t objectId, const std::string& pair, const std::string& parentDn)
+/// Whether the container's object id belongs to another object by now; `pair` is the one it is
+/// stored under.
+bool SQLite::idIsStale(const DBObject& object, const std::string& pair)
 {
-    const auto row = objectRow(objectId);
-    return !row || row->dn != pair || (!parentDn.empty() && get_whole_dn(row->parent) != parentDn);
+    const auto row = objectRow(object.id);
+    return !row || row->dn != pair || row->MOInstance != object.MOInstance ||
+           (!object.parentDn.empty() && get_whole_dn(row->parent) != object.parentDn);
 }

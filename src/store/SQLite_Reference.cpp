@@ -2,6 +2,7 @@
 
 #include "store/SQLite.h"
 
+#include "store/ReservedBy.h"
 #include "store/Statement.h"
 
 #include "platform/middleware/Log.h"
@@ -11,8 +12,6 @@
 #include <algorithm>
 
 namespace {
-
-constexpr const char* reservedByName = "reservedBy";
 
 /// The elements of a list of DNs, empty ones kept.
 std::vector<std::string> elementsOf(const std::string& list)
@@ -67,7 +66,7 @@ void SQLite::setReference(const std::string& value, const std::string& referrer,
             LOG_DEBUG("SQLite::%s: object '%s' not found, no need to add", operation, target.c_str());
             return;
         }
-        Attribute* const attribute = object->getAttribute(reservedByName);
+        Attribute* const attribute = object->getAttribute(reservedBy);
         if (!attribute) {
             LOG_DEBUG("SQLite::%s: reservedBy not found, no need to add", operation);
             return;
@@ -97,7 +96,7 @@ void SQLite::removeSingleReference(const std::string& value, const std::string& 
             LOG_DEBUG("SQLite::%s: object '%s' not found, no need to remove", operation, target.c_str());
             return;
         }
-        Attribute* const attribute = object->getAttribute(reservedByName);
+        Attribute* const attribute = object->getAttribute(reservedBy);
         if (!attribute) {
             LOG_DEBUG("SQLite::%s: reservedBy not found, no need to remove", operation);
             return;
@@ -117,6 +116,8 @@ void SQLite::removeSingleReference(const std::string& value, const std::string& 
 
 void SQLite::removeReference(std::int32_t objectId, bool inTransaction)
 {
+    if (!m_runtime)
+        return;
     LOG_DEBUG("SQLite::%s, Remove reference from reservedBy if exist", __func__);
     // Read first: withdrawing a reference writes to the very table.
     std::vector<std::string> values;
@@ -129,7 +130,6 @@ void SQLite::removeReference(std::int32_t objectId, bool inTransaction)
         LOG_DEBUG("SQLite::%s Error while checking reference. Sqlite error: %d", __func__, rows.result());
         doIntegrityCheck();
     }
-    int handled = 0;
     for (const std::string& value : values) {
         const std::string wholeDn = get_whole_dn(objectId);
         LOG_DEBUG("SQLite::%s, where to remove = '%s' ", __func__, value.c_str());
@@ -140,10 +140,10 @@ void SQLite::removeReference(std::int32_t objectId, bool inTransaction)
             // A target's list that is no text names nobody, so it must not keep the referrer for ever.
             LOG_ERROR("SQLite::%s: the reservedBy of a target in '%s' is no text", __func__, value.c_str());
         }
-        ++handled;
     }
-    if (handled == 0)
+    if (values.empty())
         LOG_DEBUG("SQLite::%s No reference found from object %d", __func__, objectId);
     else
-        LOG_DEBUG("SQLite::%s %d references deleted for object %d", __func__, handled, objectId);
+        LOG_DEBUG("SQLite::%s %d references deleted for object %d", __func__, static_cast<int>(values.size()),
+                  objectId);
 }

@@ -68,7 +68,7 @@ private:
                 return false;
         if (m_referenceWritten)
             updateReferences();
-        return m_store.m_runtime->inTransaction(); // false: rolled back by SQLite while a reference was set
+        return !lostTransaction();
     }
 
     std::int32_t findId();
@@ -107,7 +107,7 @@ bool SQLite::sql_update(DBObject* object, bool inTransaction, const std::string&
 
 std::int32_t SQLite::UpdateOperation::findId()
 {
-    if (m_object.id != 0 && !m_store.idIsStale(m_object.id, m_dn, m_object.parentDn))
+    if (m_object.id != 0 && !m_store.idIsStale(m_object, m_dn))
         return m_object.id;
     if (m_object.parentId == 0 && !m_object.parentDn.empty())
         m_store.resolveParent(m_object);
@@ -263,7 +263,7 @@ Outcome SQLite::UpdateOperation::storeValue(const Attribute& attribute, std::int
 Outcome SQLite::UpdateOperation::execute(Statement& statement, const Attribute& attribute, std::int32_t code)
 {
     try {
-        bindValue(statement, code, attribute.value);
+        bindValue(statement, code, attribute.value); // refuses a value that its code does not fit
     } catch (const std::exception& error) {
         LOG_ERROR("SQLite::sql_update: Exception: %s", error.what());
         return Outcome::failed;
@@ -301,7 +301,6 @@ void SQLite::UpdateOperation::updateReferences()
 /// Whether the chain of parents from `newParent` up meets the object, or never ends.
 bool SQLite::reachesItself(std::int32_t objectId, std::int32_t newParent)
 {
-    constexpr int maxLevels = 100000;
     std::int32_t current = newParent;
     for (int level = 0; level < maxLevels && current != 0; ++level) {
         if (current == objectId)

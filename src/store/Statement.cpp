@@ -82,7 +82,13 @@ Statement::~Statement()
 
 void Statement::prepare(Connection& connection, std::string_view format)
 {
-    const auto found = connection.m_prepared.find(format);
+    auto found = connection.m_prepared.find(format);
+    if (found != connection.m_prepared.end() && !found->second.inUse && sqlite3_expired(found->second.statement)) {
+        // Prepared again here, so that a refusal is one of the preparation whatever ran before.
+        sqlite3_finalize(found->second.statement);
+        connection.m_prepared.erase(found);
+        found = connection.m_prepared.end();
+    }
     if (found != connection.m_prepared.end() && !found->second.inUse) {
         found->second.inUse = true;
         m_statement = found->second.statement;

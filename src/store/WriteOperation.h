@@ -2,7 +2,10 @@
 
 #include "store/AlternateStorage.h"
 #include "store/OwnTransaction.h"
+#include "store/ReservedBy.h"
 #include "store/SQLite.h"
+
+#include "platform/middleware/Log.h"
 
 #include <optional>
 #include <string>
@@ -34,6 +37,16 @@ protected:
         return wanted ? m_store.FormatCurrentUtcTime() : std::string();
     }
 
+    /// On some errors, a full disk for one, SQLite rolls the whole transaction back by itself.
+    bool lostTransaction() const
+    {
+        if (m_store.m_runtime->inTransaction())
+            return false;
+        LOG_ERROR("SQLite has rolled back the transaction in which %s was written by %s", m_object.dn.c_str(),
+                  m_client.c_str());
+        return true;
+    }
+
     SQLite& m_store;
     DBObject& m_object;
     const bool m_inTransaction;
@@ -50,5 +63,3 @@ private:
 
     std::optional<std::int32_t> m_phase;
 };
-
-inline constexpr const char* reservedBy = "reservedBy";

@@ -19,8 +19,8 @@ PairSpan nextPair(std::string_view dn, std::size_t at)
     if (end == std::string_view::npos)
         return {begin, dn.size(), std::string_view::npos};
     std::size_t next = end + 1;
-    if (quoted && next < dn.size() && dn[next] == ',')
-        ++next;
+    if (next < dn.size() && dn[next] == ',')
+        ++next; // the one behind a closing quote, or one too many
     return {begin, end, next < dn.size() ? next : std::string_view::npos};
 }
 

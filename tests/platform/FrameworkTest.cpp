@@ -4,6 +4,8 @@
 #include "platform/framework/Lockables.h"
 #include "platform/framework/Messaging.h"
 #include "platform/framework/Timer.h"
+#include "platform/host/ProcessNode.h"
+#include "platform/host/Termination.h"
 #include "platform/messages/Answers.h"
 #include "platform/utility/SystemFunctions.h"
 #include "tests/platform/PlatformTest.h"
@@ -33,15 +35,16 @@ public:
             throw std::runtime_error("unlucky");
         if (event.id() == 1 || (event.id() == terminateRequested && m_ends))
             enterState(1999);
+        if (event.id() == 77)
+            eventually([&] { return !busy; });
         if (event.id() == messageReceived)
             answer(*static_cast<MessageEvent&>(event).raw());
-        return event.id() != 42;
+        return true;
     }
-    void onUnhandledEvent(const Event&) override { ++unhandled; }
 
     std::atomic<int> events{0};
     std::atomic<int> timeouts{0};
-    std::atomic<int> unhandled{0};
+    std::atomic<bool> busy{false}; ///< event 77 takes as long
     std::string senderName;
 
 private:
@@ -56,22 +59,20 @@ private:
 class FrameworkTest : public PlatformTest {};
 class FrameworkDeathTest : public testing::Test {}; // no directory: its processes end abruptly
 
-TEST_F(FrameworkTest, MachineSurvivesExceptionsAndReportsUnhandledEvents)
+TEST_F(FrameworkTest, MachineSurvivesExceptionsAndEndsInTheFinalState)
 {
     Machine machine;
     machine.enqueueEvent(Event(5)); // no state yet, but not the final one: kept for the thread
     machine.initialise();
     machine.start();
     machine.enqueueEvent(Event(13));
-    machine.enqueueEvent(Event(42));
     machine.enqueueEvent(Event(terminateRequested));
     machine.thread().join();
     EXPECT_TRUE(machine.hasTerminated());
-    EXPECT_EQ(machine.events, 4);
-    EXPECT_EQ(machine.unhandled, 1);
+    EXPECT_EQ(machine.events, 3);
     EXPECT_EQ(log.count(mwLogError, "unlucky"), 1);
     machine.enqueueEvent(Event(5)); // refused in the final state
-    EXPECT_EQ(machine.events, 4);
+    EXPECT_EQ(machine.events, 3);
 }
 
 TEST_F(FrameworkTest, RequestReachesTheRegisteredMachineAndItsAnswerTheClient)
@@ -97,13 +98,59 @@ TEST_F(FrameworkTest, RequestReachesTheRegisteredMachineAndItsAnswerTheClient)
         ASSERT_TRUE(answer.deserialize(station->take()[0].get()));
         EXPECT_EQ(answer.transId, 77);
     }
-    EXPECT_EQ(Messaging::getNodeAsText(8), "node 8");
+    EXPECT_EQ(Messaging::getNodeAsText(8), "ai"); // not connected
+    EXPECT_EQ(Messaging::getNodeAsText(55), "node 55");
     Control::FrameworkControl::finalize();
     EXPECT_FALSE(Messaging::sendTamoMessage(3, numbered(1), 1));
     machine.enqueueEvent(Event(1));
     machine.thread().join();
     EXPECT_EQ(machine.senderName, "reset");
     EXPECT_EQ(machine.events, 3);
+}
+
+TEST_F(FrameworkTest, MessagesOfADepartedClientAreNotHandled)
+{
+    ASSERT_TRUE(ProcessNode::start({.directory = directory, .name = "db", .id = 0}));
+    Machine machine;
+    machine.initialise();
+    Messaging::registerMessageHandler(machine, messageReceived);
+    machine.start();
+    machine.busy = true;
+    machine.enqueueEvent(Event(77));
+    for (int round = 0; round < 3; ++round) {
+        RawPeer peer(path("db"));
+        ASSERT_TRUE(peer.join(100));
+        for (std::int32_t number = 0; number < 10; ++number)
+            peer.send({.id = 0x1009, .sender = 100, .receiver = 0}, numbered(number).serialize());
+        peer.close();
+        ASSERT_TRUE(eventually([&] { return ProcessNode::peerName(100).empty(); }));
+    }
+    RawPeer good(path("db"));
+    ASSERT_TRUE(good.join(100));
+    good.send({.id = 0x1009, .sender = 100, .receiver = 0}, numbered(7).serialize());
+    machine.busy = false;
+    EXPECT_TRUE(good.receive());
+    EXPECT_EQ(machine.events, 2); // the long one and the last one
+    ProcessNode::stop();
+}
+
+TEST_F(FrameworkTest, OrderlyEndDoesNotWaitForWhatIsQueued)
+{
+    Machine machine;
+    machine.initialise();
+    Machine later;
+    for (int i = 0; i < 100; ++i) {
+        machine.enqueueEvent(Event(5));
+        later.enqueueEvent(Event(5));
+    }
+    Termination::request();
+    later.initialise();
+    for (Machine* each : {&machine, &later}) {
+        each->start();
+        each->thread().join();
+        EXPECT_EQ(each->events, 1);
+    }
+    Termination::reset();
 }
 
 TEST_F(FrameworkDeathTest, FirstSignalEndsEveryMachineInOrder)

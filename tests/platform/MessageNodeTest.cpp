@@ -108,6 +108,35 @@ TEST_F(MessageNodeTest, SilentConnectionIsClosedAfterTheDeadline)
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(4900));
 }
 
+TEST_F(MessageNodeTest, CrowdOfConnectionsLeavesRoomForThoseWhoGreetAndForServices)
+{
+    Station db(options("db", 0));
+    ASSERT_TRUE(db.node.start());
+    std::vector<std::unique_ptr<RawPeer>> silent;
+    for (int i = 0; i < 74; ++i)
+        silent.push_back(std::make_unique<RawPeer>(path("db")));
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(refusal(*silent[static_cast<std::size_t>(i)]), "64 others have not greeted either");
+    EXPECT_TRUE(silent[10]->join(99));
+    silent.clear();
+
+    std::vector<std::unique_ptr<RawPeer>> clients;
+    for (std::int32_t id = 100; id < 356; ++id) {
+        clients.push_back(std::make_unique<RawPeer>(path("db")));
+        ASSERT_TRUE(eventually([&] { return clients.back()->join(id); }));
+    }
+    for (int i = 0; i < 3; ++i) {
+        RawPeer more(path("db"));
+        more.greet(Hello(400, "raw"));
+        EXPECT_EQ(refusal(more), "there are 256 connections already");
+    }
+    RawPeer service(path("db"));
+    EXPECT_TRUE(service.join(16));
+    clients.pop_back();
+    expectService(db);
+    EXPECT_EQ(log.count(mwLogError, "too many connections"), 1);
+}
+
 TEST_F(MessageNodeTest, HostileFrameCostsItsSenderTheConnectionOnly)
 {
     Station db(options("db", 0));

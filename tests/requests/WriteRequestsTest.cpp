@@ -1,0 +1,292 @@
+// Requests that change the tree, and what every handler does with a message that is none.
+
+#include "tests/requests/RequestTest.h"
+
+#include "platform/messages/Notifications.h"
+#include "store/ChangeSink.h"
+
+#include <filesystem>
+#include <random>
+#include <stdexcept>
+
+using namespace TAMO::Messages;
+namespace fs = std::filesystem;
+
+std::string randomText(std::size_t size)
+{
+    std::mt19937 random(static_cast<unsigned>(size));
+    std::string text(size, '\0');
+    for (char& c : text)
+        c = static_cast<char>(random());
+    return text;
+}
+
+namespace {
+
+using WriteRequests = RequestTest;
+
+class EveryHandler : public RequestTest {
+protected:
+    static bool isRefusal(const ResultAnswer& answer) { return !answer.success; }
+    static bool isRefusal(const ItemAnswer& answer)
+    {
+        return answer.data.result == 1 && answer.length == 0 && !answer.data.dataValid && answer.data.data.empty();
+    }
+    static bool isRefusal(const ListAnswer& answer)
+    {
+        return answer.data.result == 1 && answer.count == 0 && answer.lengths.empty() && answer.data.data.empty();
+    }
+    static bool isRefusal(const TAMO_DBFetchMOClassWithParentRsp& answer) { return answer.instances.empty(); }
+    static bool isRefusal(const TAMO_getWholeDnRsp& answer) { return answer.wholeDn.empty() && answer.length == 0; }
+
+    template <class Request, class Answer>
+    void check(void (DatabaseWrapper::*handler)(const RawMessage*), Service& from)
+    {
+        (service.*handler)(nullptr);
+        EXPECT_TRUE(from.gotNothing()) << std::hex << Request::id;
+        Request request;
+        request.transId = 77;
+        const Bytes whole = request.serialize();
+        const int unreadable = log.count(mwLogWarning, "cannot be read");
+        handle(Request::id, {}, from.id());
+        handle(Request::id, {0xC0}, from.id());
+        EXPECT_TRUE(from.gotNothing()) << std::hex << Request::id;
+        EXPECT_EQ(log.count(mwLogWarning, "cannot be read"), unreadable + 2);
+        Bytes longer = whole;
+        longer.push_back(0xC0);
+        for (const Bytes& spoilt : {Bytes(whole.begin(), whole.begin() + 2), Bytes{0x91, 0x4D}, longer}) {
+            handle(Request::id, spoilt, from.id());
+            const auto answer = from.next<Answer>();
+            ASSERT_TRUE(answer) << std::hex << Request::id;
+            EXPECT_EQ(answer->transId, 77);
+            // A request without fields but its id is whole when only that is there.
+            EXPECT_TRUE(isRefusal(*answer) || std::is_same_v<Request, TAMO_DBOrderReady>) << std::hex << Request::id;
+        }
+        constexpr std::int32_t nobody = 555;
+        handle(Request::id, whole, nobody);
+    }
+};
+
+TAMO_DBDelete deletion(const std::string& dn, std::int32_t MOInstance = 1, std::int32_t operation = operationDelete)
+{
+    TAMO_DBDelete request;
+    request.operation = operation;
+    request.dn = dn;
+    request.MOInstance = MOInstance;
+    return request;
+}
+
+TAMO_DBSetAttributeValue setting(const std::string& dn, const std::string& name, const Value& value)
+{
+    TAMO_DBSetAttributeValue request;
+    request.dn = dn;
+    request.attributeName = name;
+    request.value = value;
+    return request;
+}
+
+TAMO_DBSetAttributeValues settings(const std::map<std::string, std::string>& dns,
+                                   const std::map<std::string, Value>& values)
+{
+    TAMO_DBSetAttributeValues request;
+    request.container = {dns, values};
+    return request;
+}
+
+TAMO_deleteAttribute attributeDeletion(const std::string& dn, const std::string& name)
+{
+    TAMO_deleteAttribute request;
+    request.dn = dn;
+    request.attributeName = name;
+    return request;
+}
+
+/// Fails in the middle of every write.
+class FailingSink : public ChangeSink {
+public:
+    FailingSink() { SQLite::getInstance().announceTo(this); }
+    ~FailingSink() override { SQLite::getInstance().announceTo(nullptr); }
+    void rowChanged(int, const char*, std::int64_t) override {}
+    void collect() override { throw std::runtime_error("in the middle"); }
+    void objectGoes(const DBObject&) override {}
+    void attributeGoes(const DBObject&, const Attribute&) override {}
+    void deliver() override {}
+    void discard() override {}
+};
+
+} // namespace
+
+TEST_F(EveryHandler, RefusesWhatIsNoMessageInItsOwnForm)
+{
+    using Wrapper = DatabaseWrapper;
+    check<TAMO_DBInsert, TAMO_DBInsertRsp>(&Wrapper::handleInsert, client);
+    check<TAMO_DBInsertToCommonDb, TAMO_DBInsertToCommonDbRsp>(&Wrapper::handleInsertToCommonDb, client);
+    check<TAMO_DBUpdate, TAMO_DBUpdateRsp>(&Wrapper::handleUpdate, client);
+    check<TAMO_DBDelete, TAMO_DBDeleteRsp>(&Wrapper::handleDelete, client);
+    check<TAMO_DBCreateObject, TAMO_DBCreateObjectRsp>(&Wrapper::handleCreateObject, client);
+    check<TAMO_DBSetAttributeValue, TAMO_DBSetAttributeValueRsp>(&Wrapper::handleSetAttributeValue, client);
+    check<TAMO_DBSetAttributeValues, TAMO_DBSetAttributeValueRsp>(&Wrapper::handleSetAttributeValues, autointegration);
+    check<TAMO_deleteAttribute, TAMO_deleteAttributeRsp>(&Wrapper::handleDeleteAttribute, client);
+    check<TAMO_DBFetch, TAMO_DBFetchRsp>(&Wrapper::handleFetch, client);
+    check<TAMO_DBFetchAttr, TAMO_DBFetchAttrRsp>(&Wrapper::handleFetchAttr, client);
+    check<TAMO_DBFetchAllChildren, TAMO_DBFetchAllChildrenRsp>(&Wrapper::handleFetchAllChildren, client);
+    check<TAMO_DBFetchMOClass, TAMO_DBFetchMOClassRsp>(&Wrapper::handleFetchMOClass, client);
+    check<TAMO_DBFetchMOClassWithParent, TAMO_DBFetchMOClassWithParentRsp>(&Wrapper::handleFetchMOClassWith0Parent,
+                                                                           client);
+    check<TAMO_DBPresence, TAMO_DBPresenceRsp>(&Wrapper::handlePresence, client);
+    check<TAMO_getWholeDn, TAMO_getWholeDnRsp>(&Wrapper::handleGetWholeDn, client);
+    check<TAMO_DBOrderReady, TAMO_DBOrderReadyRsp>(&Wrapper::handleOrderReady, client);
+    EXPECT_EQ(committed("select dn from DBObject"), "baseobject") << "nothing was written";
+}
+
+TEST_F(EveryHandler, UnknownAndUnansweredMessagesAreReleasedInSilence)
+{
+    handle(0x7777, {0x91, 0x01}, client.id());
+    handle(TAMO_FaultNotification::id, TAMO_FaultNotification(1, 1).serialize(), client.id());
+    EXPECT_TRUE(client.gotNothing());
+    EXPECT_EQ(log.count(mwLogError) + log.count(mwLogWarning), 0);
+}
+
+TEST_F(EveryHandler, FailureInTheMiddleIsAnsweredAndLeavesNoTransaction)
+{
+    ASSERT_TRUE(insert("A=1", {text("a", "x")}));
+    log.forget();
+    {
+        const FailingSink failing;
+        EXPECT_FALSE(insertByRequest(container("B=1")));
+        EXPECT_FALSE(ask<TAMO_DBSetAttributeValueRsp>(setting("A=1", "a", std::string("y"))).success);
+        EXPECT_FALSE(ask<TAMO_DBDeleteRsp>(deletion("A=1")).success);
+    }
+    EXPECT_EQ(log.count(mwLogError, "in the middle"), 3);
+    EXPECT_TRUE(anotherConnectionCanWrite());
+    EXPECT_EQ(value("A=1", "a"), "x");
+    EXPECT_TRUE(insertByRequest(container("B=1")));
+}
+
+TEST_F(WriteRequests, ObjectsAreInsertedUpdatedAndDeleted)
+{
+    const DBObject made = container("A=1", {text("a", std::string(20000, 'x')), attribute("n", std::int32_t{5})});
+    EXPECT_TRUE(insertByRequest(made)) << "compressed, as its size asks for";
+    EXPECT_EQ(value("A=1", "a"), std::string(20000, 'x'));
+    EXPECT_TRUE(insertByRequest(container("A=1", {text("a", "short")}))) << "an existing object is updated";
+    EXPECT_EQ(value("A=1", "a"), "short");
+    EXPECT_TRUE(ask<TAMO_DBUpdateRsp>(
+                    carrying<TAMO_DBUpdate>(container("A=1", {attribute("n", std::int32_t{6})}), operationUpdate))
+                    .success);
+    EXPECT_EQ(value("A=1", "n"), "6");
+    EXPECT_FALSE(ask<TAMO_DBUpdateRsp>(carrying<TAMO_DBUpdate>(container("Absent=1", {}), operationUpdate)).success);
+    ASSERT_TRUE(insert("X=1", {reference("r", "A=1")}));
+    EXPECT_FALSE(ask<TAMO_DBDeleteRsp>(deletion("A=1")).success) << "referred to";
+    EXPECT_FALSE(ask<TAMO_DBDeleteRsp>(deletion("X=1", 2)).success) << "another instance";
+    EXPECT_TRUE(ask<TAMO_DBDeleteRsp>(deletion("X=1")).success);
+    EXPECT_TRUE(ask<TAMO_DBDeleteRsp>(deletion("A=1")).success);
+    EXPECT_FALSE(ask<TAMO_DBDeleteRsp>(deletion("A=1")).success);
+    EXPECT_EQ(log.count(mwLogError, "Database operation failed: Delete, A=1, 1, "), 2);
+    EXPECT_EQ(committed("select dn from DBObject"), "baseobject");
+}
+
+TEST_F(WriteRequests, WrongOperationCodesAndBrokenObjectsWriteNothing)
+{
+    ASSERT_TRUE(insert("A=1", {text("a", "x")}));
+    const std::string before = everything();
+    const DBObject other = container("A=1", {text("a", "y")});
+    EXPECT_FALSE(ask<TAMO_DBInsertRsp>(carrying<TAMO_DBInsert>(other, operationUpdate)).success);
+    EXPECT_FALSE(ask<TAMO_DBUpdateRsp>(carrying<TAMO_DBUpdate>(other, operationInsert)).success);
+    EXPECT_FALSE(ask<TAMO_DBInsertToCommonDbRsp>(carrying<TAMO_DBInsertToCommonDb>(other, operationInsert)).success);
+    EXPECT_FALSE(ask<TAMO_DBDeleteRsp>(deletion("A=1", 1, operationInsert)).success);
+    auto cut = carrying<TAMO_DBInsert>(other, operationInsert);
+    cut.object.resize(cut.object.size() - 1);
+    EXPECT_FALSE(ask<TAMO_DBInsertRsp>(cut).success);
+    auto inflated = carrying<TAMO_DBUpdate>(other, operationUpdate);
+    inflated.uncompressedSize = 2000000000;
+    EXPECT_FALSE(ask<TAMO_DBUpdateRsp>(inflated).success);
+    TAMO_DBInsert nothing;
+    nothing.operation = operationInsert;
+    EXPECT_FALSE(ask<TAMO_DBInsertRsp>(nothing).success);
+    EXPECT_EQ(log.count(mwLogError, "Database operation failed: "), 7);
+    EXPECT_EQ(everything(), before);
+    EXPECT_TRUE(fs::is_empty(path("common")));
+}
+
+TEST_F(WriteRequests, WhatCouldNeverBeFoundAgainIsRefused)
+{
+    EXPECT_FALSE(insertByRequest(container("")));
+    EXPECT_FALSE(insertByRequest(container("A=1", {text("", "x")})));
+    EXPECT_FALSE(insertByRequest(container("A=1", {text("a", randomText(400000))})));
+    EXPECT_FALSE(insertByRequest(container("A=1", {}, true, 0)));
+    EXPECT_EQ(committed("select dn from DBObject"), "baseobject");
+}
+
+TEST_F(WriteRequests, CommonDatabaseIsWrittenByRequest)
+{
+    ASSERT_TRUE(insert("A=1"));
+    const DBObject common = container("Common", {attribute("brmOngoing", true)}, false);
+    EXPECT_TRUE(
+        ask<TAMO_DBInsertToCommonDbRsp>(carrying<TAMO_DBInsertToCommonDb>(common, operationInsertToCommonDb)).success);
+    EXPECT_EQ(queryFile(path("common/commondb"), "select name||value from Attribute"), "brmOngoing1");
+    EXPECT_EQ(committed("select dn from DBObject order by id"), "baseobject,A=1");
+}
+
+TEST_F(WriteRequests, OneValueIsSetOnAStoredObjectOnly)
+{
+    ASSERT_TRUE(insert("A=1", {attribute("n", std::int64_t{1}, IPCData::INT64)}));
+    EXPECT_TRUE(ask<TAMO_DBSetAttributeValueRsp>(setting("A=1", "n", std::int64_t{1} << 40)).success);
+    EXPECT_EQ(value("A=1", "n"), "1099511627776");
+    EXPECT_TRUE(ask<TAMO_DBSetAttributeValueRsp>(setting("A=1", "new", true)).success);
+    EXPECT_EQ(value("A=1", "new"), "1");
+    EXPECT_TRUE(ask<TAMO_DBSetAttributeValueRsp>(setting("A=1", "n", std::string("text now"))).success);
+    EXPECT_EQ(committed("select value_type from Attribute where name = 'n'"), "9");
+    EXPECT_FALSE(ask<TAMO_DBSetAttributeValueRsp>(setting("Absent=1", "n", true)).success);
+    EXPECT_EQ(log.count(mwLogError, "Database operation failed: Get object, "), 1);
+}
+
+TEST_F(WriteRequests, SeveralValuesAreSetForAutointegrationAlone)
+{
+    ASSERT_TRUE(insert("A=1", {text("a", "x")}));
+    const std::string before = everything();
+    const auto whole = settings({{"a", "A=1"}, {"b", "New=1"}}, {{"a", std::string("y")}, {"b", std::int32_t{7}}});
+    handle(TAMO_DBSetAttributeValues::id, whole.serialize(), client.id());
+    EXPECT_TRUE(client.gotNothing()) << "other services get no answer";
+    const auto refused = [this](const TAMO_DBSetAttributeValues& request) {
+        return !ask<TAMO_DBSetAttributeValueRsp>(request, autointegration).success;
+    };
+    EXPECT_TRUE(refused(settings({}, {})));
+    EXPECT_TRUE(refused(settings({{"a", "A=1"}}, {})));
+    EXPECT_TRUE(refused(settings({{"a", "A=1"}}, {{"a", true}, {"b", true}})));
+    EXPECT_TRUE(refused(settings({{"a", "A=1"}}, {{"b", true}})));
+    EXPECT_EQ(everything(), before);
+    EXPECT_FALSE(refused(whole));
+    EXPECT_EQ(value("A=1", "a"), "y");
+    EXPECT_EQ(value("New=1", "b"), "7");
+    EXPECT_FALSE(refused(settings({{"a", "A=1"}}, {{"a", std::string("y")}}))) << "the value it has already";
+}
+
+TEST_F(WriteRequests, AttributesAreDeletedFromStoredObjects)
+{
+    ASSERT_TRUE(insert("A=1", {text("a", "x"), text("b", "y")}));
+    EXPECT_TRUE(ask<TAMO_deleteAttributeRsp>(attributeDeletion("A=1", "a")).success);
+    EXPECT_EQ(value("A=1", "a"), "(none)");
+    EXPECT_TRUE(ask<TAMO_deleteAttributeRsp>(attributeDeletion("A=1", "absent")).success);
+    EXPECT_FALSE(ask<TAMO_deleteAttributeRsp>(attributeDeletion("Absent=1", "a")).success);
+    EXPECT_EQ(value("A=1", "b"), "y");
+    EXPECT_TRUE(anotherConnectionCanWrite());
+}
+
+TEST(ClientTransactions, KeysTellNodesAndIdsApart)
+{
+    EXPECT_EQ(DatabaseWrapper::generateTransId(2, 17), "2,17");
+    EXPECT_EQ(DatabaseWrapper::generateTransId(13, -5), "10,5");
+    EXPECT_EQ(DatabaseWrapper::generateTransId(1, -5), "1,-5");
+    EXPECT_EQ(DatabaseWrapper::generateTransId(13, std::numeric_limits<std::int32_t>::min()), "10,2147483648");
+    EXPECT_EQ(DatabaseWrapper::getClientName(16), "Transport");
+    for (const int nobody : {-1, 17, 100})
+        EXPECT_EQ(DatabaseWrapper::getClientName(nobody), "Unknown client");
+}
+
+TEST(ClassNames, AreThoseOfTheLastPair)
+{
+    EXPECT_TRUE(DatabaseWrapper::compareClassName("A=1,Equipment=1", "Equipment"));
+    EXPECT_TRUE(DatabaseWrapper::compareClassName("Equipment=1", "Equipment"));
+    for (const char* other : {"Equipment=1,A=1", "A=1,Equipment2=1", "A=1,MyEquipment=1", "Equipment", "", ","})
+        EXPECT_EQ(DatabaseWrapper::compareClassName(other, "Equipment"), std::string(other) == "Equipment") << other;
+}

@@ -189,6 +189,11 @@ TEST_F(Insert, RefusedRowOrAttributeLeavesNothingBehind)
     EXPECT_EQ(committed(tree), "baseobject");
     EXPECT_TRUE(anotherConnectionCanWrite());
     EXPECT_TRUE(insert("A=1", {text("a", "x")})) << "and the next insert works";
+    {
+        RefusedPrepare refused(handle(), SQLITE_INSERT, "Attribute");
+        EXPECT_FALSE(insert("A=2", {text("a", "x")})) << "also when the statement was prepared before";
+    }
+    EXPECT_EQ(committed(tree), "baseobject,A=1");
 }
 
 TEST_F(Insert, TransactionThatSqliteRolledBackItselfIsNotCalledASuccess)

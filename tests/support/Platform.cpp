@@ -87,9 +87,9 @@ Service::Service(const std::string& directory, const std::string& name, std::int
     });
     EXPECT_TRUE(m_node.start());
     const auto until = std::chrono::steady_clock::now() + patience;
-    while (Messaging::getNodeAsText(id) != name && std::chrono::steady_clock::now() < until)
+    while (ProcessNode::peerName(id) != name && std::chrono::steady_clock::now() < until)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    EXPECT_EQ(Messaging::getNodeAsText(id), name);
+    EXPECT_EQ(ProcessNode::peerName(id), name);
 }
 
 Service::~Service() { m_node.stop(); }

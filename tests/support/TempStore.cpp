@@ -139,7 +139,7 @@ std::string queryFile(const std::string& path, const std::string& sql)
     sqlite3* file = nullptr;
     sqlite3_stmt* rows = nullptr;
     std::string joined;
-    if (sqlite3_open_v2(path.c_str(), &file, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK ||
+    if (sqlite3_open_v2(path.c_str(), &file, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK ||
         sqlite3_prepare_v2(file, sql.c_str(), -1, &rows, nullptr) != SQLITE_OK) {
         joined = std::string("error: ") + sqlite3_errmsg(file);
     } else {
