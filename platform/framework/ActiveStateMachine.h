@@ -16,12 +16,16 @@ namespace TAMO::Framework {
 class EventQueueHandler {
 public:
     void push(std::unique_ptr<Event> event);
+    /// The same, in front of everything that waits.
+    void pushFirst(std::unique_ptr<Event> event);
     /// Waits for the next event; null once the queue is closed.
     std::unique_ptr<Event> pop();
     /// From now on nothing is queued and nothing is handed out.
     void close();
 
 private:
+    void add(std::unique_ptr<Event> event, bool first);
+
     std::mutex m_mutex;
     std::condition_variable m_filled;
     std::deque<std::unique_ptr<Event>> m_events;
@@ -78,9 +82,11 @@ private:
 /// A state machine with a thread of its own, which takes the queued events one at a time.
 ///
 /// It is known to the framework from initialise() until it is destroyed: an orderly end of the
-/// process (SIGTERM, SIGINT) is posted to it as event 1006. An exception that leaves dispatch is
-/// logged, and the thread goes on. Bring its thread to an end and stop the messaging before it is
-/// destroyed: the destructor ends an idle thread, but cannot help one that is inside dispatch.
+/// process (SIGTERM, SIGINT) is posted to it as event 1006, in front of what waits. A message whose
+/// sender's connection has ended in the meantime is dropped instead of dispatched. An exception that
+/// leaves dispatch is logged, and the thread goes on. Bring its thread to an end and stop the
+/// messaging before it is destroyed: the destructor ends an idle thread, but cannot help one that is
+/// inside dispatch.
 class ActiveStateMachine : private EventQueueHandler, public ReactiveStateMachine {
 public:
     ActiveStateMachine(int initialState, int finalState, const std::string& threadName);

@@ -17,6 +17,8 @@ public:
     int id() const { return m_id; }
     /// A copy on the heap, for queueing.
     virtual std::unique_ptr<Event> copyEvent() const { return std::make_unique<Event>(*this); }
+    /// True when nobody is left whom it concerns: it is dropped instead of dispatched.
+    virtual bool isObsolete() const { return false; }
     /// Releases what the event carries; a plain event carries nothing.
     virtual void cleanup() {}
 
@@ -29,6 +31,7 @@ class MessageEvent : public Event {
 public:
     MessageEvent(int eventId, std::shared_ptr<RawMessage> message) : Event(eventId), m_message(std::move(message)) {}
     std::unique_ptr<Event> copyEvent() const override { return std::make_unique<MessageEvent>(*this); }
+    bool isObsolete() const override { return m_message && m_message->permit && m_message->permit->senderIsGone(); }
     void cleanup() override { m_message.reset(); }
     const RawMessage* raw() const { return m_message.get(); }
 

@@ -17,7 +17,8 @@ public:
     static std::uint32_t getMsgId(const RawMessage* raw) { return raw->id; }
     static std::int32_t getMsgSender(const RawMessage* raw) { return raw->sender; }
 
-    /// The name under which a connected node introduced itself; "node N" for any other.
+    /// The name under which a connected node introduced itself; for one that is not connected its
+    /// name on the platform, or "node N" when it has none.
     static std::string getNodeAsText(std::int32_t node);
 
     /// Serialises and sends. Never blocks: false at once when the node is not connected, its queue

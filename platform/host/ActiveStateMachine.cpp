@@ -12,13 +12,17 @@
 
 namespace TAMO::Framework {
 
-void EventQueueHandler::push(std::unique_ptr<Event> event)
+void EventQueueHandler::push(std::unique_ptr<Event> event) { add(std::move(event), false); }
+
+void EventQueueHandler::pushFirst(std::unique_ptr<Event> event) { add(std::move(event), true); }
+
+void EventQueueHandler::add(std::unique_ptr<Event> event, bool first)
 {
     {
         const std::lock_guard lock(m_mutex);
         if (m_closed)
             return;
-        m_events.push_back(std::move(event));
+        m_events.insert(first ? m_events.begin() : m_events.end(), std::move(event));
         m_ready = true;
     }
     m_filled.notify_one();
@@ -99,6 +103,10 @@ void ActiveStateMachine::threadMain()
         const std::unique_ptr<Event> event = pop();
         if (!event)
             return;
+        if (event->isObsolete()) {
+            LOG_DEBUG("Event %d dropped: its sender is gone", event->id());
+            continue;
+        }
         try {
             dispatch(*event);
         } catch (const std::exception& error) {

@@ -96,7 +96,7 @@ std::unique_ptr<DBObject> toObject(const msgpack::object& packed)
 }
 
 /// Appends `plain` to `buffer` in its shorter form.
-std::int32_t append(const Bytes& plain, Bytes& buffer, std::int32_t capacity, std::int32_t& uncompressedSize)
+std::int32_t append(const msgpack::sbuffer& plain, Bytes& buffer, std::int32_t capacity, std::int32_t& uncompressedSize)
 {
     uncompressedSize = 0;
     const std::size_t start = buffer.size();
@@ -104,8 +104,7 @@ std::int32_t append(const Bytes& plain, Bytes& buffer, std::int32_t capacity, st
     if (plain.size() > compressionThreshold && plain.size() <= maxUncompressed) {
         const std::size_t useful = std::min(room, plain.size() - 1);
         buffer.resize(start + useful);
-        const int written = LZ4_compress_default(reinterpret_cast<const char*>(plain.data()),
-                                                 reinterpret_cast<char*>(buffer.data() + start),
+        const int written = LZ4_compress_default(plain.data(), reinterpret_cast<char*>(buffer.data() + start),
                                                  static_cast<int>(plain.size()), static_cast<int>(useful));
         buffer.resize(start + static_cast<std::size_t>(std::max(written, 0)));
         if (written > 0) {
@@ -115,7 +114,7 @@ std::int32_t append(const Bytes& plain, Bytes& buffer, std::int32_t capacity, st
     }
     if (plain.size() > room)
         return -1;
-    buffer.insert(buffer.end(), plain.begin(), plain.end());
+    buffer.insert(buffer.end(), plain.data(), plain.data() + plain.size());
     return static_cast<std::int32_t>(plain.size());
 }
 
@@ -198,10 +197,8 @@ std::string DBObject::fullDn() const { return joinDn(parentDn, dn); }
 std::int32_t DBObject::SerializeDataforDB(const DBObject& object, Bytes& buffer, std::int32_t capacity,
                                           std::int32_t& uncompressedSize)
 {
-    Bytes plain;
-    plain.reserve(512);
-    ByteSink sink{plain};
-    Packer packer(sink);
+    msgpack::sbuffer plain;
+    Packer packer(plain);
     packObject(packer, object);
     return append(plain, buffer, capacity, uncompressedSize);
 }
@@ -209,9 +206,8 @@ std::int32_t DBObject::SerializeDataforDB(const DBObject& object, Bytes& buffer,
 std::int32_t DBObject::SerializeAttrforDB(const Attribute& attribute, Bytes& buffer, std::int32_t capacity,
                                           std::int32_t& uncompressedSize)
 {
-    Bytes plain;
-    ByteSink sink{plain};
-    Packer packer(sink);
+    msgpack::sbuffer plain;
+    Packer packer(plain);
     packAttribute(packer, attribute);
     return append(plain, buffer, capacity, uncompressedSize);
 }

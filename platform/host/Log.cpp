@@ -28,15 +28,15 @@
 namespace {
 
 struct LevelRow {
-    unsigned level;
     const char* name; // in TAMO_LOG_LEVEL
+    unsigned level;
     spdlog::level::level_enum behind;
 };
 constexpr LevelRow levels[] = {
-    {mwLogError, "error", spdlog::level::err},
-    {mwLogWarning, "warning", spdlog::level::warn},
-    {mwLogInfo, "info", spdlog::level::info},
-    {mwLogDebug, "debug", spdlog::level::debug},
+    {"error", mwLogError, spdlog::level::err},
+    {"warning", mwLogWarning, spdlog::level::warn},
+    {"info", mwLogInfo, spdlog::level::info},
+    {"debug", mwLogDebug, spdlog::level::debug},
 };
 
 spdlog::level::level_enum behindOf(unsigned level)

@@ -197,14 +197,13 @@ Bytes Message::serialize() const
     auto& fields = const_cast<Message&>(*this);
     FieldCounter counter;
     fields.describe(counter);
-    Bytes body;
-    body.reserve(128);
-    ByteSink sink{body};
-    Packer packer(sink);
+    constexpr std::size_t usualSize = 512;
+    msgpack::sbuffer body(usualSize);
+    Packer packer(body);
     packer.pack_array(counter.fields());
     FieldWriter writer(packer);
     fields.describe(writer);
-    return body;
+    return {body.data(), body.data() + body.size()};
 }
 
 bool Message::deserialize(const RawMessage* raw)

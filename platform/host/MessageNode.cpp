@@ -6,6 +6,7 @@
 #include "platform/host/Attention.h"
 #include "platform/host/NodeSocket.h"
 #include "platform/host/PeerConnection.h"
+#include "platform/host/Quietly.h"
 #include "platform/host/ThreadScope.h"
 #include "platform/middleware/Log.h"
 
@@ -22,10 +23,10 @@
 #include <cstring>
 #include <list>
 #include <mutex>
-#include <set>
 #include <sys/socket.h>
 #include <thread>
 #include <unordered_map>
+#include <vector>
 
 namespace TAMO::Framework {
 
@@ -39,7 +40,14 @@ constexpr std::chrono::milliseconds lastRetry{2000};
 constexpr std::chrono::milliseconds acceptPause{1000};
 constexpr std::chrono::milliseconds flushTime{500};
 constexpr std::chrono::milliseconds flushStep{5};
-constexpr std::size_t maxConnections = 256;
+constexpr std::chrono::milliseconds exceptionPause{20};
+constexpr std::chrono::minutes crowdLinePause{1};
+
+/// Connections of nodes that are none of the platform's services, whose places are always free: each
+/// of them can connect only once.
+constexpr std::size_t maxClients = 256;
+/// Connections that have not greeted yet. Who means it greets at once, so one more costs the oldest.
+constexpr std::size_t maxStrangers = 64;
 
 struct NodeRow {
     const char* name;
@@ -59,6 +67,7 @@ struct Connector {
     const std::string name;
     const std::int32_t expectedId;
     boost::asio::steady_timer timer;
+    bool waiting = false; ///< for the timer
     std::chrono::milliseconds delay = firstRetry;
     std::shared_ptr<PeerConnection> connection; ///< dialled, perhaps not greeted yet
     std::string lastRefusal;                    ///< logged once, not at every attempt
@@ -72,11 +81,25 @@ std::int32_t nodeIdOf(const std::string& nodeName)
     return found == std::end(nodes) ? -1 : found->id;
 }
 
+std::string nodeNameOf(std::int32_t id)
+{
+    const auto found = std::ranges::find(nodes, id, &NodeRow::id);
+    return found == std::end(nodes) ? "" : found->name;
+}
+
 struct MessageNode::State : PeerOwner {
-    explicit State(Options of) : options(std::move(of)) {}
+    explicit State(Options of)
+        : options(std::move(of)), nodeGate(std::make_shared<ReceiveGate>(ReceiveGate::ofNode, [this] {
+              boost::asio::post(io, [this] { resumeAll(); });
+          }))
+    {}
+    ~State() override { nodeGate->close(); }
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
 
     const std::string& nodeName() const override { return options.name; }
     std::int32_t nodeId() const override { return options.id; }
+    const std::shared_ptr<ReceiveGate>& gate() const override { return nodeGate; }
     Verdict judge(const PeerConnection& connection, const Wire::Hello& hello) override;
     void joined(const std::shared_ptr<PeerConnection>& connection) override;
     void refused(const PeerConnection& connection, const std::string& reason) override;
@@ -85,11 +108,17 @@ struct MessageNode::State : PeerOwner {
 
     bool listen();
     void run();
+    void takeUpAgain();
     void acceptSoon();
-    void acceptAll();
+    void acceptLater();
+    void acceptOne();
     void adopt(Descriptor fd);
+    void makeRoomForStrangers();
+    void noteTurnedAway(const std::string& reason);
+    std::size_t clients() const;
     void dial(Connector& connector);
     void dialLater(Connector& connector);
+    void dialMissing();
     bool isDialling(std::int32_t id) const;
     void resumeAll();
     void beginStop();
@@ -97,16 +126,20 @@ struct MessageNode::State : PeerOwner {
     std::shared_ptr<PeerConnection> peer(std::int32_t id) const;
 
     const Options options;
+    const std::shared_ptr<ReceiveGate> nodeGate;
     boost::asio::io_context io{1};
     boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work{io.get_executor()};
     std::thread thread;
     NodeSocket socket;
     boost::asio::posix::stream_descriptor listener{io};
     boost::asio::steady_timer acceptTimer{io};
+    bool accepting = false; ///< the listener or the timer will call
     boost::asio::steady_timer flushTimer{io};
     Clock::time_point flushUntil;
     std::list<Connector> connectors;
-    std::set<std::shared_ptr<PeerConnection>> connections; ///< greeted or not; I/O thread only
+    std::vector<std::shared_ptr<PeerConnection>> connections; ///< greeted or not, oldest first; I/O thread only
+    Clock::time_point nextCrowdLine{};
+    std::size_t turnedAway = 0; ///< since the last line about it
 
     mutable std::mutex peersMutex; ///< of the table and of lastRefusal
     std::unordered_map<std::int32_t, std::shared_ptr<PeerConnection>> peers;
@@ -125,7 +158,8 @@ bool MessageNode::State::listen()
         LOG_ERROR("Node %s cannot listen: %s", options.name.c_str(), problem.c_str());
         return false;
     }
-    listener.assign(fd.release());
+    listener.assign(fd.get());
+    fd.release();
     acceptSoon();
     return true;
 }
@@ -133,51 +167,105 @@ bool MessageNode::State::listen()
 void MessageNode::State::run()
 {
     const ThreadScope scope("io " + options.name);
+    bool whole = true;
     while (!io.stopped())
         try {
+            if (!whole)
+                takeUpAgain();
+            whole = true;
             io.run_one();
             while (stayAttentive([this] { return io.poll() > 0; })) {
             }
         } catch (const std::exception& error) {
-            LOG_ERROR("Node %s: %s; the connections go on", options.name.c_str(), error.what());
+            whole = false;
+            quietly([&] { LOG_ERROR("Node %s: %s; the connections go on", options.name.c_str(), error.what()); });
+            std::this_thread::sleep_for(exceptionPause);
         }
+}
+
+/// After an exception: whatever it kept from being waited for is waited for again. The connection it
+/// hit, if any, is closed by then.
+void MessageNode::State::takeUpAgain()
+{
+    if (stopping)
+        return beginStop();
+    if (listener.is_open() && !accepting)
+        acceptSoon();
+    dialMissing();
+    resumeAll();
 }
 
 void MessageNode::State::acceptSoon()
 {
     listener.async_wait(boost::asio::posix::stream_descriptor::wait_read, [this](error_code error) {
+        accepting = false;
         if (!error)
-            acceptAll();
+            acceptOne();
     });
+    accepting = true;
 }
 
-void MessageNode::State::acceptAll()
+void MessageNode::State::acceptLater()
 {
-    for (;;) {
-        Descriptor fd(::accept4(listener.native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (fd) {
-            adopt(std::move(fd));
-        } else if (errno == EAGAIN) {
-            return acceptSoon();
-        } else if (errno != EINTR && errno != ECONNABORTED) {
-            LOG_ERROR("Node %s cannot accept a connection: %s", options.name.c_str(), std::strerror(errno));
-            acceptTimer.expires_after(acceptPause);
-            return acceptTimer.async_wait([this](error_code error) {
-                if (!error)
-                    acceptSoon();
-            });
-        }
+    acceptTimer.expires_after(acceptPause);
+    acceptTimer.async_wait([this](error_code error) {
+        accepting = false;
+        if (!error)
+            acceptSoon();
+    });
+    accepting = true;
+}
+
+/// One at a time: those who came before get to greet meanwhile.
+void MessageNode::State::acceptOne()
+{
+    Descriptor fd(::accept4(listener.native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (fd) {
+        adopt(std::move(fd));
+    } else if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
+        LOG_ERROR("Node %s cannot accept a connection: %s", options.name.c_str(), std::strerror(errno));
+        return acceptLater();
     }
+    acceptSoon();
 }
 
 void MessageNode::State::adopt(Descriptor fd)
 {
     const auto connection = std::make_shared<PeerConnection>(io, *this, std::move(fd), socket.group(), std::string());
-    connections.insert(connection);
-    if (connections.size() > maxConnections)
-        connection->refuse("there are " + std::to_string(maxConnections) + " connections already");
-    else
-        connection->start();
+    connections.push_back(connection);
+    connection->start();
+    makeRoomForStrangers();
+}
+
+void MessageNode::State::makeRoomForStrangers()
+{
+    const auto isStranger = [](const auto& connection) {
+        return connection->id() < 0 && connection->dialled().empty();
+    };
+    if (std::ranges::count_if(connections, isStranger) <= static_cast<std::ptrdiff_t>(maxStrangers))
+        return;
+    const auto oldest = *std::ranges::find_if(connections, isStranger);
+    const std::string reason = std::to_string(maxStrangers) + " others have not greeted either";
+    noteTurnedAway(reason);
+    oldest->refuse(reason, RefusalLine::none);
+}
+
+/// Whoever comes too often comes very often: one line a minute is enough to know.
+void MessageNode::State::noteTurnedAway(const std::string& reason)
+{
+    ++turnedAway;
+    if (Clock::now() < nextCrowdLine)
+        return;
+    LOG_ERROR("Node %s: too many connections, %zu refused: %s", options.name.c_str(), turnedAway, reason.c_str());
+    turnedAway = 0;
+    nextCrowdLine = Clock::now() + crowdLinePause;
+}
+
+std::size_t MessageNode::State::clients() const
+{
+    return static_cast<std::size_t>(std::ranges::count_if(connections, [](const auto& connection) {
+        return connection->id() >= 0 && nodeNameOf(connection->id()).empty();
+    }));
 }
 
 void MessageNode::State::dial(Connector& connector)
@@ -193,8 +281,8 @@ void MessageNode::State::dial(Connector& connector)
         return dialLater(connector);
     }
     auto connection = std::make_shared<PeerConnection>(io, *this, std::move(fd), group, connector.name);
+    connections.push_back(connection);
     connector.connection = connection;
-    connections.insert(connection);
     connection->start();
 }
 
@@ -203,9 +291,19 @@ void MessageNode::State::dialLater(Connector& connector)
     connector.timer.expires_after(connector.delay);
     connector.delay = std::min(2 * connector.delay, lastRetry);
     connector.timer.async_wait([this, &connector](error_code error) {
+        connector.waiting = false;
         if (!error)
             dial(connector);
     });
+    connector.waiting = true;
+}
+
+/// Nodes that are neither connected nor about to be called.
+void MessageNode::State::dialMissing()
+{
+    for (Connector& connector : connectors)
+        if (!connector.connection && !connector.waiting && !(connector.expectedId >= 0 && peer(connector.expectedId)))
+            dialLater(connector);
 }
 
 /// True while our greeting to that node is not answered yet.
@@ -229,10 +327,15 @@ PeerOwner::Verdict MessageNode::State::judge(const PeerConnection& connection, c
     if (hello.node == options.id)
         return {id + " is this node's own"};
     if (peer(hello.node))
-        return {id + " is taken", true};
+        return {id + " is taken", RefusalLine::warning};
     // Two nodes that call each other at once: the call of the lower id stands.
     if (connection.dialled().empty() && options.id < hello.node && isDialling(hello.node))
-        return {id + " is being called from here", true};
+        return {id + " is being called from here", RefusalLine::warning};
+    if (nodeNameOf(hello.node).empty() && clients() >= maxClients) {
+        const std::string reason = "there are " + std::to_string(maxClients) + " connections already";
+        noteTurnedAway(reason);
+        return {reason, RefusalLine::none};
+    }
     return {};
 }
 
@@ -271,24 +374,21 @@ void MessageNode::State::refused(const PeerConnection& connection, const std::st
 
 void MessageNode::State::left(const std::shared_ptr<PeerConnection>& connection)
 {
-    connections.erase(connection);
+    std::erase(connections, connection);
     const bool wasPeer = connection->id() >= 0 && peer(connection->id()) == connection;
     if (wasPeer) {
         const std::lock_guard lock(peersMutex);
         peers.erase(connection->id());
     }
+    for (Connector& connector : connectors)
+        if (connector.connection == connection)
+            connector.connection.reset();
     if (stopping)
         return;
     if (wasPeer && !connection->dialled().empty())
         LOG_INFO("Node %s: connection to %s (node %d) lost", options.name.c_str(), connection->name().c_str(),
                  connection->id());
-    for (Connector& connector : connectors) {
-        const bool dialled = connector.connection == connection;
-        if (dialled)
-            connector.connection.reset();
-        if (dialled || (wasPeer && connector.expectedId == connection->id() && !connector.connection))
-            dialLater(connector);
-    }
+    dialMissing();
 }
 
 bool MessageNode::State::deliver(const std::shared_ptr<RawMessage>& message)
@@ -296,20 +396,18 @@ bool MessageNode::State::deliver(const std::shared_ptr<RawMessage>& message)
     const std::lock_guard lock(handlerMutex);
     if (!handler || stopping)
         return false;
-    try {
-        handler(message);
-    } catch (const std::exception& error) {
-        LOG_ERROR("Node %s: message 0x%04x from node %d was not taken: %s", options.name.c_str(), message->id,
-                  message->sender, error.what());
-    }
+    handler(message);
     return true;
 }
 
 void MessageNode::State::resumeAll()
 {
-    const auto all = connections; // a connection that fails leaves the set
-    for (const auto& connection : all)
+    for (std::size_t i = 0; i < connections.size();) {
+        const auto connection = connections[i];
         connection->resume();
+        if (i < connections.size() && connections[i] == connection) // it leaves when it fails
+            ++i;
+    }
 }
 
 void MessageNode::State::beginStop()
@@ -331,11 +429,8 @@ void MessageNode::State::finishStop()
         flushTimer.expires_after(flushStep);
         return flushTimer.async_wait([this](error_code) { finishStop(); });
     }
-    const auto all = connections;
-    for (const auto& connection : all)
-        connection->close();
-    for (Connector& connector : connectors)
-        connector.connection.reset();
+    while (!connections.empty())
+        connections.back()->close();
     io.stop();
 }
 

@@ -52,5 +52,7 @@ private:
 
 /// The id a node name of the platform stands for ("db" 0, "fm" 3, "reset" 9); -1 when there is none.
 std::int32_t nodeIdOf(const std::string& nodeName);
+/// The platform's name of a node id; empty when there is none.
+std::string nodeNameOf(std::int32_t id);
 
 } // namespace TAMO::Framework

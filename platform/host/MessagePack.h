@@ -22,16 +22,7 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// What msgpack::packer writes to.
-struct ByteSink {
-    Bytes& bytes;
-    void write(const char* data, std::size_t length)
-    {
-        const auto* first = reinterpret_cast<const std::uint8_t*>(data);
-        bytes.insert(bytes.end(), first, first + length);
-    }
-};
-using Packer = msgpack::packer<ByteSink>;
+using Packer = msgpack::packer<msgpack::sbuffer>;
 
 /// Unpacks the one value that `bytes` hold. The bytes are walked once without taking memory, so
 /// that a count can never claim more than was received; deeper than 16 levels is refused.

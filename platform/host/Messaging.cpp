@@ -55,6 +55,12 @@ void ProcessNode::stop()
         node->stop(); // without the lock: a receiver may be sending at this moment
 }
 
+std::string ProcessNode::peerName(std::int32_t node)
+{
+    const std::shared_lock lock(process().mutex);
+    return process().node ? process().node->peerName(node) : std::string();
+}
+
 void Messaging::registerMessageHandler(ReactiveStateMachine& receiver, int eventId)
 {
     const std::unique_lock lock(process().mutex);
@@ -67,8 +73,9 @@ void Messaging::registerMessageHandler(ReactiveStateMachine& receiver, int event
 
 std::string Messaging::getNodeAsText(std::int32_t node)
 {
-    const std::shared_lock lock(process().mutex);
-    std::string name = process().node ? process().node->peerName(node) : std::string();
+    std::string name = ProcessNode::peerName(node);
+    if (name.empty())
+        name = nodeNameOf(node);
     return name.empty() ? "node " + std::to_string(node) : name;
 }
 

@@ -89,15 +89,6 @@ std::vector<gid_t> peerGroups(int fd)
 
 } // namespace
 
-int Descriptor::release() { return std::exchange(m_fd, -1); }
-
-void Descriptor::reset(int fd)
-{
-    if (m_fd >= 0)
-        ::close(m_fd);
-    m_fd = fd;
-}
-
 Descriptor NodeSocket::open(const std::string& directory, const std::string& name, std::string& problem)
 {
     const std::string path = Wire::socketPath(directory, name);

@@ -1,29 +1,11 @@
 #pragma once
 
+#include "platform/host/Descriptor.h"
+
 #include <string>
 #include <sys/types.h>
 
 namespace TAMO::Framework {
-
-/// A file descriptor and its owner.
-class Descriptor {
-public:
-    explicit Descriptor(int fd = -1) : m_fd(fd) {}
-    ~Descriptor() { reset(); }
-    Descriptor(Descriptor&& other) noexcept : m_fd(other.release()) {}
-    Descriptor& operator=(Descriptor&& other) noexcept
-    {
-        reset(other.release());
-        return *this;
-    }
-    int get() const { return m_fd; }
-    explicit operator bool() const { return m_fd >= 0; }
-    int release();
-    void reset(int fd = -1);
-
-private:
-    int m_fd;
-};
 
 /// The listening socket file of a node, and the lock file beside it that keeps a second live
 /// instance from taking the name.

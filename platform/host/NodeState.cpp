@@ -4,6 +4,8 @@
 // node prepares the file before a start and reads what was asked for after it.
 #include "platform/host/NodeState.h"
 
+#include "platform/host/Descriptor.h"
+
 #include <nlohmann/json.hpp>
 
 #include <cerrno>
@@ -15,25 +17,9 @@
 #include <unistd.h>
 
 using nlohmann::json;
+using TAMO::Framework::Descriptor;
 
 namespace {
-
-class Descriptor {
-public:
-    explicit Descriptor(int descriptor) : m_descriptor(descriptor) {}
-    ~Descriptor()
-    {
-        if (m_descriptor >= 0)
-            ::close(m_descriptor);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return m_descriptor; }
-    explicit operator bool() const { return m_descriptor >= 0; }
-
-private:
-    int m_descriptor;
-};
 
 bool failed(std::string& problem, const std::string& what, const std::string& path)
 {

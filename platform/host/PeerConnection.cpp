@@ -4,6 +4,7 @@
 
 #include "platform/host/PeerConnection.h"
 
+#include "platform/host/Quietly.h"
 #include "platform/middleware/Log.h"
 
 #include <utility> // before Asio 1.74, which uses std::exchange without it
@@ -17,6 +18,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <poll.h>
 
 namespace TAMO::Framework {
 
@@ -45,14 +47,18 @@ PeerOutput::Clock::duration stuckLimit()
     return std::chrono::milliseconds(seconds > 0 && seconds < 3600 ? static_cast<int>(seconds * 1000) : 10'000);
 }
 
+/// True when the other side has closed altogether, not merely stopped sending.
+bool hasHungUp(int fd)
+{
+    pollfd state{.fd = fd, .events = 0, .revents = 0};
+    return ::poll(&state, 1, 0) == 1;
+}
+
 } // namespace
 
 struct PeerConnection::Io {
-    Io(boost::asio::io_context& ofContext, int fd)
-        : context(ofContext),
-          socket(ofContext, boost::asio::local::stream_protocol(), fd),
-          deadline(ofContext),
-          stuck(ofContext)
+    explicit Io(boost::asio::io_context& ofContext)
+        : context(ofContext), socket(ofContext), deadline(ofContext), stuck(ofContext)
     {}
     boost::asio::io_context& context;
     boost::asio::local::stream_protocol::socket socket;
@@ -62,30 +68,56 @@ struct PeerConnection::Io {
 
 PeerConnection::PeerConnection(boost::asio::io_context& io, PeerOwner& owner, Descriptor socket, gid_t group,
                                std::string dialled)
-    : m_io(std::make_unique<Io>(io, socket.get())),
+    : m_io(std::make_unique<Io>(io)),
       m_owner(owner),
       m_process(peerProcess(socket.get(), group)),
       m_dialled(std::move(dialled)),
-      m_output(socket.release()),
-      m_gate(std::make_shared<ReceiveGate>([this] {
-          boost::asio::post(m_io->context, [weak = weak_from_this()] {
-              if (const auto self = weak.lock())
-                  self->resume();
-          });
-      })),
+      m_output(socket.get()),
+      m_gate(std::make_shared<ReceiveGate>(
+          ReceiveGate::ofPeer,
+          [this] {
+              boost::asio::post(m_io->context, [weak = weak_from_this()] {
+                  if (const auto self = weak.lock())
+                      self->resume();
+              });
+          },
+          owner.gate())),
       m_buffer(firstBufferSize)
-{}
+{
+    m_io->socket.assign(boost::asio::local::stream_protocol(), socket.get());
+    socket.release(); // not before: an assignment that throws leaves it to us
+}
 
 PeerConnection::~PeerConnection() { m_gate->close(); }
 
+/// Runs the work of a completion. What it throws costs this connection, not the node.
+template <class Work>
+void PeerConnection::guarded(Work work)
+{
+    try {
+        if (!m_closed)
+            work();
+    } catch (const std::exception& error) {
+        if (m_closed)
+            throw; // it hit the owner on our way out
+        fault(error.what());
+    }
+}
+
 void PeerConnection::start()
+{
+    guarded([this] { begin(); });
+}
+
+void PeerConnection::begin()
 {
     if (!m_process.permitted)
         return refuse("user " + std::to_string(m_process.uid) + " may not use this node");
     m_io->deadline.expires_after(greetingDeadline);
     m_io->deadline.async_wait([self = shared_from_this()](error_code error) {
-        if (!error && self->m_id < 0 && !self->m_closed)
-            self->refuse("no greeting within " + std::to_string(greetingDeadline.count()) + " s");
+        if (!error && self->m_id < 0)
+            self->guarded(
+                [&] { self->refuse("no greeting within " + std::to_string(greetingDeadline.count()) + " s"); });
     });
     if (!m_dialled.empty())
         sendGreeting(-1);
@@ -95,7 +127,7 @@ void PeerConnection::start()
 void PeerConnection::resume()
 {
     if (std::exchange(m_held, false))
-        takeFrames();
+        guarded([this] { takeFrames(); });
 }
 
 void PeerConnection::close()
@@ -112,13 +144,13 @@ void PeerConnection::close()
     m_owner.left(self);
 }
 
-void PeerConnection::refuse(const std::string& reason, bool ordinary)
+void PeerConnection::refuse(const std::string& reason, RefusalLine line)
 {
     if (!m_dialled.empty())
         m_owner.refused(*this, reason);
-    else if (ordinary)
+    else if (line == RefusalLine::warning)
         LOG_WARNING("Node %s: refused %s: %s", m_owner.nodeName().c_str(), text().c_str(), reason.c_str());
-    else
+    else if (line == RefusalLine::error)
         LOG_ERROR("Node %s: refused %s: %s", m_owner.nodeName().c_str(), text().c_str(), reason.c_str());
     m_output.send({.id = Refused::id, .sender = m_owner.nodeId(), .receiver = -1}, Refused(reason).serialize());
     close();
@@ -127,8 +159,14 @@ void PeerConnection::refuse(const std::string& reason, bool ordinary)
 bool PeerConnection::send(std::uint32_t messageId, const Bytes& body)
 {
     const auto sent = m_output.send({.id = messageId, .sender = m_owner.nodeId(), .receiver = m_id}, body);
-    if (sent.attend)
-        boost::asio::post(m_io->context, [self = shared_from_this()] { self->attendOutput(); });
+    if (!sent.attend)
+        return sent.accepted;
+    try {
+        boost::asio::post(m_io->context, [self = shared_from_this()] { self->guarded([&] { self->attendOutput(); }); });
+    } catch (const std::exception&) {
+        m_output.abandon(); // nobody would ever send what waits
+        return false;
+    }
     return sent.accepted;
 }
 
@@ -155,12 +193,8 @@ void PeerConnection::receive()
     }
     m_io->socket.async_read_some(boost::asio::buffer(m_buffer.data() + m_end, m_buffer.size() - m_end),
                                  [self = shared_from_this()](error_code error, std::size_t length) {
-                                     if (self->m_closed)
-                                         return;
-                                     if (error)
-                                         self->lost(error.message());
-                                     else
-                                         self->received(length);
+                                     self->guarded(
+                                         [&] { error ? self->lost(error.message()) : self->received(length); });
                                  });
 }
 
@@ -183,14 +217,32 @@ void PeerConnection::takeFrames()
             break;
         if (m_id < 0)
             greet(header, frame + headerSize);
-        else if (!hand(header, frame + headerSize)) {
-            m_held = true;
-            return;
-        }
+        else if (!hand(header, frame + headerSize))
+            return hold();
         m_begin += headerSize + header.length;
     }
     if (!m_closed)
         receive();
+}
+
+/// Stops reading until resume().
+void PeerConnection::hold()
+{
+    m_held = true;
+    if (!m_watchingEnd)
+        watchEnd();
+}
+
+/// Nothing is read meanwhile, so the end of the connection would not be noticed: what its peer left
+/// behind would be worked off for nobody, and its node id would stay taken.
+void PeerConnection::watchEnd()
+{
+    m_io->socket.async_wait(boost::asio::socket_base::wait_error, [self = shared_from_this()](error_code error) {
+        self->m_watchingEnd = false;
+        if (!error && self->m_held && hasHungUp(self->m_io->socket.native_handle()))
+            self->guarded([&] { self->lost("closed while its messages waited"); });
+    });
+    m_watchingEnd = true;
 }
 
 /// What is wrong with a header, judged before its body is waited for.
@@ -235,7 +287,7 @@ void PeerConnection::greet(const FrameHeader& header, const std::uint8_t* body)
     if (const std::string what = faultOf(header, hello, whole); !what.empty())
         return refuse(what);
     if (const auto verdict = m_owner.judge(*this, hello); !verdict.reason.empty())
-        return refuse(verdict.reason, verdict.ordinary);
+        return refuse(verdict.reason, verdict.line);
     m_io->deadline.cancel();
     m_id = hello.node;
     m_name = hello.name;
@@ -269,7 +321,7 @@ void PeerConnection::attendOutput()
         m_io->socket.async_wait(boost::asio::socket_base::wait_write, [self = shared_from_this()](error_code error) {
             self->m_writing = false;
             if (!error)
-                self->attendOutput();
+                self->guarded([&] { self->attendOutput(); });
         });
     watchFullQueue();
 }
@@ -284,12 +336,12 @@ void PeerConnection::watchFullQueue()
     m_io->stuck.expires_at(since + stuckLimit());
     m_io->stuck.async_wait([self = shared_from_this()](error_code) {
         self->m_watching = false;
-        if (self->m_closed)
-            return;
-        const auto stillSince = self->m_output.fullSince();
-        if (stillSince == PeerOutput::Clock::time_point{} || PeerOutput::Clock::now() < stillSince + stuckLimit())
-            return self->attendOutput();
-        self->fault("it is stuck, " + std::to_string(self->m_output.waiting()) + " bytes wait for it");
+        self->guarded([&] {
+            const auto stillSince = self->m_output.fullSince();
+            if (stillSince == PeerOutput::Clock::time_point{} || PeerOutput::Clock::now() < stillSince + stuckLimit())
+                return self->attendOutput();
+            self->fault("it is stuck, " + std::to_string(self->m_output.waiting()) + " bytes wait for it");
+        });
     });
 }
 
@@ -303,7 +355,8 @@ void PeerConnection::lost(const std::string& why)
 
 void PeerConnection::fault(const std::string& what)
 {
-    LOG_ERROR("Node %s: disconnected %s: %s", m_owner.nodeName().c_str(), text().c_str(), what.c_str());
+    quietly(
+        [&] { LOG_ERROR("Node %s: disconnected %s: %s", m_owner.nodeName().c_str(), text().c_str(), what.c_str()); });
     close();
 }
 

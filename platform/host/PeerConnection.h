@@ -17,18 +17,24 @@ namespace TAMO::Framework {
 
 class PeerConnection;
 
+/// How a refusal is logged: a warning when it happens between well-behaved nodes, not at all when the
+/// owner has a line of its own for it.
+enum class RefusalLine { error, warning, none };
+
 /// What a connection asks of the node it belongs to. All calls come on the I/O thread.
 class PeerOwner {
 public:
     /// Why a greeting is turned down; an empty reason welcomes it.
     struct Verdict {
         std::string reason;
-        bool ordinary = false; ///< happens between well-behaved nodes: a warning instead of an error
+        RefusalLine line = RefusalLine::error;
     };
 
     virtual ~PeerOwner() = default;
     virtual const std::string& nodeName() const = 0;
     virtual std::int32_t nodeId() const = 0;
+    /// What all connections of the node share.
+    virtual const std::shared_ptr<ReceiveGate>& gate() const = 0;
     virtual Verdict judge(const PeerConnection& connection, const Wire::Hello& hello) = 0;
     /// The greetings are exchanged: messages may be sent.
     virtual void joined(const std::shared_ptr<PeerConnection>& connection) = 0;
@@ -40,7 +46,8 @@ public:
 };
 
 /// One connection to another node, in either direction: greeting, frames in, frames out. Everything
-/// but send() belongs to the I/O thread.
+/// but send() belongs to the I/O thread. An exception (no memory) in what it does there by itself
+/// ends the connection and leaves the node alone.
 class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
 public:
     /// `dialled` is the name of the node we connected to, empty for a connection that was accepted.
@@ -52,7 +59,7 @@ public:
     void resume();
     void close();
     /// Tells the other side why and closes.
-    void refuse(const std::string& reason, bool ordinary = false);
+    void refuse(const std::string& reason, RefusalLine line = RefusalLine::error);
 
     /// Any thread; see MessageNode::send.
     bool send(std::uint32_t messageId, const Bytes& body);
@@ -66,10 +73,15 @@ public:
 private:
     struct Io;
 
+    template <class Work>
+    void guarded(Work work);
+    void begin();
     void receive();
     void received(std::size_t length);
     void takeFrames();
     std::string faultOf(const Wire::FrameHeader& header) const;
+    void hold();
+    void watchEnd();
     bool hand(const Wire::FrameHeader& header, const std::uint8_t* body);
     void greet(const Wire::FrameHeader& header, const std::uint8_t* body);
     std::string faultOf(const Wire::FrameHeader& header, const Wire::Hello& hello, bool whole) const;
@@ -92,6 +104,7 @@ private:
     std::size_t m_begin = 0;
     std::size_t m_end = 0;
     bool m_held = false; ///< a whole frame waits because it could not be handed on
+    bool m_watchingEnd = false;
     bool m_writing = false;
     bool m_watching = false;
     bool m_closed = false;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -34,6 +35,13 @@ bool PeerOutput::write(const void* first, std::size_t firstLength, const void* s
     written = sent < 0 ? 0 : static_cast<std::size_t>(sent);
     m_broken = sent < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != ENOBUFS;
     return !m_broken;
+}
+
+/// Half a frame must not be followed by another: the connection ends here.
+void PeerOutput::breakOff()
+{
+    m_broken = true;
+    ::shutdown(m_fd, SHUT_RDWR);
 }
 
 /// Notes a full queue; true for the first frame refused by it.
@@ -72,10 +80,15 @@ PeerOutput::Sent PeerOutput::send(Wire::FrameHeader header, const Bytes& body)
         if (written == head.size() + body.size())
             return {.accepted = true, .attend = false};
     }
-    if (written < head.size())
-        queue(head.data() + written, head.size() - written);
-    const std::size_t bodyWritten = written < head.size() ? 0 : written - head.size();
-    queue(body.data() + bodyWritten, body.size() - bodyWritten);
+    try {
+        if (written < head.size())
+            queue(head.data() + written, head.size() - written);
+        const std::size_t bodyWritten = written < head.size() ? 0 : written - head.size();
+        queue(body.data() + bodyWritten, body.size() - bodyWritten);
+    } catch (const std::bad_alloc&) {
+        breakOff();
+        return {};
+    }
     return {.accepted = true, .attend = waitingBefore == 0};
 }
 
@@ -112,6 +125,13 @@ std::size_t PeerOutput::waiting() const
 {
     const std::lock_guard lock(m_mutex);
     return m_queue.size() - m_queueBegin;
+}
+
+void PeerOutput::abandon()
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_fd >= 0)
+        breakOff();
 }
 
 void PeerOutput::close()

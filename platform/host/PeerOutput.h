@@ -36,12 +36,16 @@ public:
 
     std::size_t waiting() const;
 
+    /// Sends nothing any more and lets the I/O thread find the connection ended.
+    void abandon();
+
     /// Drops what waits. After it returns nobody uses the descriptor.
     void close();
 
 private:
     bool write(const void* first, std::size_t firstLength, const void* second, std::size_t secondLength,
                std::size_t& written);
+    void breakOff();
     bool refuse();
     void queue(const std::uint8_t* bytes, std::size_t length);
 

@@ -11,6 +11,8 @@ namespace ProcessNode {
 [[nodiscard]] bool start(MessageNode::Options options);
 /// Afterwards no message reaches a receiver and every send answers false.
 void stop();
+/// See MessageNode::peerName; empty without a node.
+std::string peerName(std::int32_t node);
 
 } // namespace ProcessNode
 

@@ -134,9 +134,10 @@ void DatabaseWrapper::handleFetchAllChildren(const RawMessage* raw)
         LOG_DEBUG("DatabaseWrapper::handleFetchAllChildren Object compressed from %d to %d bytes ", from, to);
     };
     using Answer = TAMO_DBFetchAllChildrenRsp;
+    SQLite::Objects children; // freed when the answer is on its way
     serve<TAMO_DBFetchAllChildren, Answer>(
-        raw, lines, [](const TAMO_DBFetchAllChildren& request, const Client& client) -> std::optional<Answer> {
-            const auto children = store().get_all_children(request.parentDn, request.parentMOInstance);
+        raw, lines, [&](const TAMO_DBFetchAllChildren& request, const Client& client) -> std::optional<Answer> {
+            children = store().get_all_children(request.parentDn, request.parentMOInstance);
             return listAnswer<Answer>(request.transId, client, children, compressed,
                                       [] { LOG_ERROR("DatabaseWrapper::handleFetchAllChildren NotSuccessful"); });
         });
@@ -156,9 +157,10 @@ void DatabaseWrapper::handleFetchMOClass(const RawMessage* raw)
     };
     static constexpr auto notSuccessful = [] { LOG_ERROR("DatabaseWrapper::handleFetchMOClass NotSuccessful"); };
     using Answer = TAMO_DBFetchMOClassRsp;
+    SQLite::Objects objects; // freed when the answer is on its way
     serve<TAMO_DBFetchMOClass, Answer>(
-        raw, lines, [](const TAMO_DBFetchMOClass& request, const Client& client) -> std::optional<Answer> {
-            const auto objects = store().get_MO_class(request.moClass);
+        raw, lines, [&](const TAMO_DBFetchMOClass& request, const Client& client) -> std::optional<Answer> {
+            objects = store().get_MO_class(request.moClass);
             if (objects.size() > maxListedObjects) {
                 notSuccessful();
                 return refusal<Answer>(request.transId, client.node);

@@ -129,7 +129,10 @@ TEST_F(FrameworkTest, MessagesOfADepartedClientAreNotHandled)
     ASSERT_TRUE(good.join(100));
     good.send({.id = 0x1009, .sender = 100, .receiver = 0}, numbered(7).serialize());
     machine.busy = false;
-    EXPECT_TRUE(good.receive());
+    const auto answer = good.receive();
+    Messages::TAMO_DBPresenceRsp presence;
+    ASSERT_TRUE(answer && presence.deserialize(&*answer));
+    EXPECT_EQ(presence.transId, 7);
     EXPECT_EQ(machine.events, 2); // the long one and the last one
     ProcessNode::stop();
 }

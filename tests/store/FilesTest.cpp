@@ -4,7 +4,6 @@
 #include "tests/support/TempStore.h"
 
 #include "store/FileLocations.h"
-#include "store/RuntimeGuard.h"
 
 #include <sqlite3.h>
 
@@ -28,6 +27,36 @@ std::string directory(int kind)
     std::string path;
     Get_TAMO_DB_path(path, kind);
     return path;
+}
+
+/// Every operation that asks for a database gives its failure value; the object's pair is A=1.
+void expectRefusals(SQLite& store, std::int32_t id)
+{
+    DBObject made = container("A=1", {reference("a", "B=1")});
+    EXPECT_FALSE(store.sql_start_transaction());
+    EXPECT_FALSE(store.sql_commit_transaction());
+    EXPECT_FALSE(store.sql_rollback_transaction());
+    EXPECT_FALSE(store.sql_insert(&made, false, "test"));
+    EXPECT_FALSE(store.sql_insert_to_commondb(&made, false, 0, "test", true));
+    EXPECT_FALSE(store.sql_update(&made, false, "test"));
+    EXPECT_FALSE(store.delete_object("A=1", 1, false, "test"));
+    EXPECT_FALSE(store.deleteAttribute("a", id, false));
+    EXPECT_FALSE(store.sql_get_object(id, "test"));
+    EXPECT_FALSE(store.sql_get_object("A=1", 1, "test"));
+    EXPECT_FALSE(store.sql_get_attribute(id, "a", "test", true));
+    EXPECT_FALSE(store.sql_get_attribute("A=1", "a", "test", false));
+    EXPECT_FALSE(store.sql_isPresent("A=1", 1));
+    EXPECT_FALSE(store.checkAttributeExistence("a", id));
+    EXPECT_FALSE(store.checkPersistentDataExistenceFromDB());
+    EXPECT_FALSE(store.idExists(id));
+    EXPECT_EQ(store.get_object_id("A=1", 1), 0);
+    EXPECT_EQ(store.get_whole_dn(id), " ");
+    EXPECT_EQ(store.get_whole_dn("A=1", ""), " ");
+    EXPECT_TRUE(store.get_MO_class("A").empty());
+    EXPECT_TRUE(store.get_MO_class_with_parent("", "A").empty());
+    EXPECT_TRUE(store.get_all_children("", 1, id).empty());
+    EXPECT_NE(store.loadOrSaveDb(Direction::load), SQLITE_OK);
+    EXPECT_NE(store.loadOrSaveDb(Direction::save), SQLITE_OK);
 }
 
 } // namespace
@@ -64,29 +93,6 @@ TEST_F(Locations, CommonFileStandsBehindASeparatorWhereThereIsOne)
     EXPECT_EQ(file(std::nullopt), "(none)");
 }
 
-TEST_F(Locations, RuntimeDirectoryIsClaimedByOneAndNeverAnothersHome)
-{
-    const auto claimed = [](const std::optional<std::string>& value) {
-        const ScopedVariable set("TAMO_DB_RUNTIME_PATH", value);
-        RuntimeGuard guard;
-        return guard.claim();
-    };
-    fs::create_directories(path("backup/database"));
-    fs::create_symlink(path("flash"), path("link"));
-    for (const char* other : {"flash", "link", "common", "backup/database", "absent", "runtime/../flash"})
-        EXPECT_FALSE(claimed(path(other))) << other;
-    EXPECT_FALSE(claimed(std::nullopt));
-    EXPECT_FALSE(claimed(""));
-    EXPECT_EQ(log.count(mwLogError, "TAMO_DB_RUNTIME_PATH"), 8);
-    EXPECT_TRUE(fs::is_empty(path("flash")));
-    {
-        RuntimeGuard first;
-        ASSERT_TRUE(first.claim());
-        EXPECT_FALSE(claimed(path("runtime")));
-    }
-    EXPECT_TRUE(claimed(path("runtime"))) << "free again";
-}
-
 TEST_F(Locations, OnlyEmptyRegularFilesAreTidiedAway)
 {
     writeJunk(path("full"), 1);
@@ -102,40 +108,17 @@ TEST_F(Locations, OnlyEmptyRegularFilesAreTidiedAway)
     EXPECT_TRUE(fs::is_directory(path("flash")));
 }
 
-TEST_F(Locations, LeftOverRuntimeFileGivesWayToAnEmptyOne)
-{
-    writeJunk(path("runtime/pRBSdb"));
-    writeJunk(path("runtime/pRBSdb-journal"));
-    ASSERT_TRUE(SQLite::getInstance().hasRuntimeConnection());
-    EXPECT_FALSE(fs::exists(path("runtime/pRBSdb-journal")));
-    EXPECT_EQ(SQLite::getInstance().loadOrSaveDb(Direction::load), SQLITE_OK);
-    EXPECT_EQ(queryFile(path("runtime/pRBSdb"), "select dn from DBObject"), "baseobject");
-    SQLite::destroyInstance();
-    EXPECT_EQ(queryFile(path("runtime/Database"), schema), wholeSchema) << "an orderly end saves";
-}
-
 TEST_F(Locations, StoreWithoutARuntimeDatabaseFailsEverythingAndOrdersNothing)
 {
     const ScopedVariable nowhere("TAMO_DB_RUNTIME_PATH", path("absent"));
     SQLite& store = SQLite::getInstance();
     EXPECT_FALSE(store.hasRuntimeConnection());
     EXPECT_EQ(log.count(mwLogError, "Can't create runtime database file"), 1);
-    DBObject made = container("A=1", {reference("r", "B=1")});
-    EXPECT_FALSE(store.sql_insert(&made, false, "test"));
-    EXPECT_FALSE(store.sql_update(&made, false, "test"));
-    EXPECT_FALSE(store.sql_insert_to_commondb(&made, false, 0, "test", true));
-    EXPECT_FALSE(store.delete_object("A=1", 1, false, "test"));
-    EXPECT_FALSE(store.deleteAttribute("r", 1, false));
-    EXPECT_FALSE(store.sql_get_object("A=1", 1, "test"));
-    EXPECT_FALSE(store.sql_get_attribute(1, "r", "test", true));
-    EXPECT_TRUE(store.get_MO_class("A").empty());
+    expectRefusals(store, 1);
     EXPECT_EQ(store.get_object_id_with_parent("A=1", 0), 0);
     EXPECT_FALSE(store.checkReference("A=1", {}));
     store.removeReference(1, false);
     EXPECT_FALSE(store.updateDn("A=1", "A=2"));
-    EXPECT_FALSE(store.sql_start_transaction());
-    EXPECT_FALSE(store.sql_commit_transaction());
-    EXPECT_NE(store.loadOrSaveDb(Direction::load), SQLITE_OK);
     EXPECT_NE(store.convertToCurrentVersion(), SQLITE_OK);
     EXPECT_EQ(store.getMoClassInstance("A=%"), "A=%");
     EXPECT_TRUE(middleware.state().controlledResets.empty());
@@ -189,17 +172,6 @@ TEST_F(Files, FailedSaveKeepsTheOldFileWhole)
     EXPECT_EQ(queryFile(path("lasting"), "pragma integrity_check"), "ok");
 }
 
-TEST_F(Files, IndexIsRebuiltOrTheReasonTold)
-{
-    ASSERT_TRUE(insert("A=1"));
-    EXPECT_EQ(store().convertToCurrentVersion(), SQLITE_OK);
-    EXPECT_EQ(committed(schema), wholeSchema);
-    ASSERT_EQ(store().runtime()->execute("drop index unique_object; insert into DBObject values(50,0,'A=1',1,1,0)"),
-              SQLITE_OK);
-    EXPECT_EQ(store().convertToCurrentVersion(), SQLITE_CONSTRAINT);
-    EXPECT_EQ(log.count(mwLogError, "convertToCurrentVersion - FAILED"), 1);
-}
-
 TEST_F(Files, RemovalTakesSideFilesAndWhatWasPutAside)
 {
     for (const char* name : {"flash/pRBSdb", "flash/pRBSdb-journal", "flash/pRBSdb-wal", "flash/pRBSdb.rejected",
@@ -224,35 +196,12 @@ TEST_F(Files, ShutDownEndsEveryOperation)
     EXPECT_FALSE(fs::exists(path("flash/pRBSdb")));
     EXPECT_NE(store().runtime()->execute("COMMIT"), SQLITE_OK) << "the commit hook refuses";
     const std::string before = everything();
-    EXPECT_FALSE(store().sql_start_transaction());
-    EXPECT_FALSE(store().sql_commit_transaction());
-    EXPECT_FALSE(store().sql_rollback_transaction());
-    EXPECT_FALSE(store().sql_insert(&made, false, "test"));
-    EXPECT_FALSE(store().sql_insert_to_commondb(&made, false, 0, "test", false));
-    EXPECT_FALSE(store().sql_update(&made, false, "test"));
-    EXPECT_FALSE(store().delete_object("A=1", 1, false, "test"));
-    EXPECT_FALSE(store().deleteAttribute("a", id, false));
-    EXPECT_FALSE(store().sql_get_object(id, "test"));
-    EXPECT_FALSE(store().sql_get_object("A=1", 1, "test"));
-    EXPECT_FALSE(store().sql_get_attribute(id, "a", "test", false));
-    EXPECT_FALSE(store().sql_get_attribute("A=1", "a", "test", false));
-    EXPECT_FALSE(store().sql_isPresent("A=1", 1));
-    EXPECT_FALSE(store().checkAttributeExistence("a", id));
-    EXPECT_FALSE(store().checkPersistentDataExistenceFromDB());
-    EXPECT_FALSE(store().idExists(id));
-    EXPECT_FALSE(store().loadPermanentConfFile());
-    EXPECT_EQ(store().get_object_id("A=1", 1), 0);
-    EXPECT_EQ(store().get_object_name("A=1", false), "");
-    EXPECT_EQ(store().get_whole_dn(id), " ");
-    EXPECT_EQ(store().get_whole_dn("A=1", ""), " ");
-    EXPECT_TRUE(store().get_MO_class("A").empty());
-    EXPECT_TRUE(store().get_MO_class_with_parent("", "A").empty());
-    EXPECT_TRUE(store().get_all_children("", 1, id).empty());
-    EXPECT_FALSE(store().checkIsSameValue(Value(std::int32_t{1}), 3, "1", Value(std::int32_t{1})));
-    EXPECT_EQ(store().loadOrSaveDb(Direction::load), 1);
     fs::remove(path("dump/DatabaseDump"));
-    EXPECT_EQ(store().loadOrSaveDb(Direction::save), 1);
-    EXPECT_FALSE(fs::exists(path("dump/DatabaseDump")));
+    expectRefusals(store(), id);
+    EXPECT_EQ(store().get_object_name("A=1", false), "");
+    EXPECT_FALSE(store().loadPermanentConfFile());
+    EXPECT_FALSE(store().checkIsSameValue(Value(std::int32_t{1}), 3, "1", Value(std::int32_t{1})));
     EXPECT_EQ(everything(), before);
+    EXPECT_FALSE(fs::exists(path("dump/DatabaseDump")));
     EXPECT_TRUE(fs::is_empty(path("common")));
 }

@@ -118,14 +118,6 @@ TEST_F(Insert, ExtremesOfEveryTypeSurviveSaveAndLoad)
     }
 }
 
-TEST_F(Insert, CodeThatDoesNotFitTheValueIsReplaced)
-{
-    ASSERT_TRUE(insert("A=1", {attribute("a", std::string("x"), INT32), attribute("b", std::int32_t{1}, REFERENCE),
-                               attribute("c", 1.5F, 13), attribute("d", std::int32_t{2}, ENUM),
-                               attribute("e", true, 99), attribute("f", std::uint64_t{1}, 0)}));
-    EXPECT_EQ(types(), "9,3,17,12,10,8");
-}
-
 TEST_F(Insert, RowOfAnInvalidTypeIsToldAndTheObjectStaysReadable)
 {
     ASSERT_TRUE(insert("A=1", {text("a", "x"), text("b", "y")}));

@@ -44,20 +44,38 @@ std::unique_ptr<Attribute> Database::fetchAttribute(const std::string& dn, const
     return attribute;
 }
 
-std::vector<std::unique_ptr<DBObject>> Database::children(const std::string& dn, std::int32_t instance)
+namespace {
+
+TAMO_DBFetchAllChildrenRsp askChildren(ServiceClient& client, const std::string& dn, std::int32_t instance)
 {
     TAMO_DBFetchAllChildren request;
     request.parentDn = dn;
     request.parentMOInstance = instance;
-    return unpack(m_client.request<TAMO_DBFetchAllChildrenRsp>(request), "the children of " + dn);
+    return client.request<TAMO_DBFetchAllChildrenRsp>(request);
+}
+
+TAMO_DBFetchMOClassRsp askClass(ServiceClient& client, const std::string& moClass)
+{
+    TAMO_DBFetchMOClass request;
+    request.moClass = moClass;
+    return client.request<TAMO_DBFetchMOClassRsp>(request);
+}
+
+} // namespace
+
+std::vector<std::unique_ptr<DBObject>> Database::children(const std::string& dn, std::int32_t instance)
+{
+    return unpack(askChildren(m_client, dn, instance), "the children of " + dn);
 }
 
 std::vector<std::unique_ptr<DBObject>> Database::objectsOfClass(const std::string& moClass)
 {
-    TAMO_DBFetchMOClass request;
-    request.moClass = moClass;
-    return unpack(m_client.request<TAMO_DBFetchMOClassRsp>(request), "the objects of class " + moClass);
+    return unpack(askClass(m_client, moClass), "the objects of class " + moClass);
 }
+
+std::int32_t Database::countChildren(const std::string& dn) { return askChildren(m_client, dn, 1).count; }
+
+std::int32_t Database::countClass(const std::string& moClass) { return askClass(m_client, moClass).count; }
 
 std::vector<std::unique_ptr<DBObject>> Database::unpack(const ListAnswer& answer, const std::string& what)
 {

@@ -27,6 +27,9 @@ public:
     /// ClientError (refused), never a part of it.
     std::vector<std::unique_ptr<DBObject>> children(const std::string& dn, std::int32_t instance = 1);
     std::vector<std::unique_ptr<DBObject>> objectsOfClass(const std::string& moClass);
+    /// How many objects these listings hold, from the answer alone: nothing is rebuilt.
+    std::int32_t countChildren(const std::string& dn);
+    std::int32_t countClass(const std::string& moClass);
     /// The instances of a class directly below `parentDn`; with "" of those that have no parent. The
     /// service takes a parent that is not there for "".
     std::vector<std::string> instances(const std::string& moClass, const std::string& parentDn);

@@ -2,6 +2,8 @@
 // nobody but this user gives it; where that is forbidden too, nodes share the machine's directories.
 #include "Isolation.h"
 
+#include "platform/host/Descriptor.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -43,23 +45,17 @@ class Held {
 public:
     explicit Held(std::string path) : m_path(std::move(path)), m_directory(::open(m_path.c_str(), O_PATH | O_CLOEXEC))
     {}
-    Held(Held&& other) noexcept : m_path(std::move(other.m_path)), m_directory(std::exchange(other.m_directory, -1)) {}
-    ~Held()
-    {
-        if (m_directory >= 0)
-            ::close(m_directory);
-    }
     bool mountAgain() const
     {
         std::error_code error;
         fs::create_directories(m_path, error);
-        const std::string source = "/proc/self/fd/" + std::to_string(m_directory);
+        const std::string source = "/proc/self/fd/" + std::to_string(m_directory.get());
         return ::mount(source.c_str(), m_path.c_str(), nullptr, MS_BIND, nullptr) == 0;
     }
 
 private:
     std::string m_path;
-    int m_directory;
+    TAMO::Framework::Descriptor m_directory;
 };
 
 /// Covers `target` with what `cover` mounts there; the directories `keep` below it come back on top.
@@ -103,7 +99,7 @@ std::string enterPrivateNamespace(const std::string& privateTmp, const std::vect
     if (!coverDirectory("/dev/shm", sorted, memory))
         return shared("/dev/shm");
     if (!coverDirectory("/tmp", sorted, ownTmp)) {
-        const std::string why = shared("/tmp");
+        std::string why = shared("/tmp");
         ::umount2("/dev/shm", MNT_DETACH);
         return why;
     }

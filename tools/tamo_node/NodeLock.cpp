@@ -9,6 +9,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+using TAMO::Framework::Descriptor;
+
 namespace {
 
 struct flock wholeFile()
@@ -24,21 +26,15 @@ int openProcess(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, p
 
 } // namespace
 
-NodeLock::~NodeLock()
-{
-    if (m_file >= 0)
-        ::close(m_file);
-}
-
 bool NodeLock::take(std::string& problem)
 {
-    m_file = ::open(m_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (m_file < 0) {
+    m_file.reset(::open(m_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (!m_file) {
         problem = "cannot open " + m_path + ": " + std::strerror(errno);
         return false;
     }
     struct flock lock = wholeFile();
-    if (::fcntl(m_file, F_SETLK, &lock) == 0)
+    if (::fcntl(m_file.get(), F_SETLK, &lock) == 0)
         return true;
     problem = errno == EACCES || errno == EAGAIN ? "the node is up already"
                                                  : "cannot lock " + m_path + ": " + std::strerror(errno);
@@ -47,12 +43,11 @@ bool NodeLock::take(std::string& problem)
 
 pid_t NodeLock::holder(const std::string& path)
 {
-    const int file = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (file < 0)
+    const Descriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    if (!file)
         return 0;
     struct flock lock = wholeFile();
-    const int result = ::fcntl(file, F_GETLK, &lock);
-    ::close(file);
+    const int result = ::fcntl(file.get(), F_GETLK, &lock);
     return result == 0 && lock.l_type != F_UNLCK ? lock.l_pid : 0;
 }
 
@@ -61,11 +56,9 @@ bool NodeLock::signalHolder(const std::string& path, int signal)
     const pid_t pid = holder(path);
     if (pid <= 0)
         return false;
-    const int process = openProcess(pid);
-    if (process < 0)
+    const Descriptor process(openProcess(pid));
+    if (!process)
         return false;
     // Asked again with the process in hand: the id may have changed owners in between.
-    const bool sent = holder(path) == pid && ::syscall(SYS_pidfd_send_signal, process, signal, nullptr, 0) == 0;
-    ::close(process);
-    return sent;
+    return holder(path) == pid && ::syscall(SYS_pidfd_send_signal, process.get(), signal, nullptr, 0) == 0;
 }

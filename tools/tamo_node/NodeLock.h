@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/host/Descriptor.h"
+
 #include <string>
 #include <sys/types.h>
 
@@ -10,9 +12,6 @@
 class NodeLock {
 public:
     explicit NodeLock(std::string path) : m_path(std::move(path)) {}
-    ~NodeLock();
-    NodeLock(const NodeLock&) = delete;
-    NodeLock& operator=(const NodeLock&) = delete;
 
     /// Takes the lock for this process. False with a reason, also when another process has it.
     [[nodiscard]] bool take(std::string& problem);
@@ -24,5 +23,5 @@ public:
 
 private:
     std::string m_path;
-    int m_file = -1;
+    TAMO::Framework::Descriptor m_file;
 };

@@ -23,6 +23,7 @@
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -70,6 +71,32 @@ std::optional<NodeRecord> currentRecord(const NodeLayout& layout)
         record->pid = 0;
     }
     return record;
+}
+
+/// Looks again and again until `condition` holds; false when it does not within `patience`.
+template <class Condition>
+bool await(std::chrono::seconds patience, Condition condition)
+{
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+/// The process behind a node that is up, 0 when it is not. A supervisor whose node has ended is about
+/// to go and is waited for.
+pid_t supervisorOf(const NodeLayout& layout)
+{
+    pid_t holder = 0;
+    await(std::chrono::seconds(10), [&] {
+        holder = NodeLock::holder(layout.lockFile());
+        const auto record = readRecord(layout.statusFile());
+        return holder == 0 || !record || record->ended.empty();
+    });
+    return holder;
 }
 
 /// tamo_db beside this program unless the caller names one.
@@ -232,6 +259,7 @@ int upInBackground(const NodeLayout& layout, const Arguments& arguments)
                     record ? record->pid : 0, record ? record->isolation.c_str() : "unknown");
         return exitSuccess;
     }
+    ::waitpid(child, nullptr, 0); // the node can be booted again when we return
     constexpr std::string_view mark = "failed: ";
     const std::string why =
         answer.starts_with(mark) ? answer.substr(mark.size()) : "the supervisor ended without a word";
@@ -246,7 +274,7 @@ int up(Arguments arguments)
     const auto layout = existing(arguments.directory);
     if (!layout || !findProgram(arguments))
         return exitFailure;
-    if (const pid_t holder = NodeLock::holder(layout->lockFile()); holder != 0)
+    if (const pid_t holder = supervisorOf(*layout); holder != 0)
         return fail("the node in " + layout->directory() + " is up already (supervisor " + std::to_string(holder) +
                     ")");
     std::string problem;
@@ -261,18 +289,13 @@ int down(const Arguments& arguments)
     if (!layout)
         return exitFailure;
     const auto before = currentRecord(*layout);
-    const pid_t holder = NodeLock::holder(layout->lockFile());
+    const pid_t holder = supervisorOf(*layout);
     if (holder == 0 || !NodeLock::signalHolder(layout->lockFile(), SIGTERM))
         return fail("the node in " + layout->directory() + " is not up" +
                     (before && !before->problem.empty() ? ": " + before->problem : ""));
     // The supervisor kills what does not end; this deadline is for a supervisor that is stuck itself.
-    constexpr auto step = std::chrono::milliseconds(10);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-    while (NodeLock::holder(layout->lockFile()) == holder) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return fail("the supervisor (process " + std::to_string(holder) + ") does not end");
-        std::this_thread::sleep_for(step);
-    }
+    if (!await(std::chrono::seconds(120), [&] { return NodeLock::holder(layout->lockFile()) != holder; }))
+        return fail("the supervisor (process " + std::to_string(holder) + ") does not end");
     const auto after = currentRecord(*layout);
     if (!after || after->state != "down")
         return fail("the node in " + layout->directory() +

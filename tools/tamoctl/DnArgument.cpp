@@ -6,6 +6,16 @@
 #include "tools/tamoctl/TextCoding.h"
 #include "values/DistinguishedName.h"
 
+namespace {
+
+std::string withoutQuotes(std::string dn)
+{
+    std::erase(dn, '"');
+    return dn;
+}
+
+} // namespace
+
 std::string checkedDn(const std::string& dn)
 {
     const auto refuseDn = [&dn](const char* why) {
@@ -22,8 +32,8 @@ std::string checkedDn(const std::string& dn)
             refuseDn("a pair is empty");
         whole = joinDn(whole, quotedPair(pair));
     }
-    if (dn.back() == ',' && pairs.back().back() != ',')
-        refuseDn("it ends with a comma");
+    if (withoutQuotes(whole) != withoutQuotes(dn))
+        refuseDn("it has a comma too many");
     return whole;
 }
 
