@@ -131,9 +131,12 @@ std::optional<std::string> contentOf(const std::string& path)
     std::optional<std::string> content;
     if (file >= 0 && fstat(file, &status) == 0 && S_ISREG(status.st_mode) &&
         status.st_size <= static_cast<off_t>(ObjectTemplate::maxFileSize)) {
-        content.emplace(static_cast<std::size_t>(status.st_size), '\0');
-        const ssize_t length = read(file, content->data(), content->size());
-        content->resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+        std::string text(static_cast<std::size_t>(status.st_size), '\0');
+        const ssize_t length = read(file, text.data(), text.size());
+        if (length >= 0) {
+            text.resize(static_cast<std::size_t>(length));
+            content = std::move(text);
+        }
     }
     if (file >= 0)
         close(file);
