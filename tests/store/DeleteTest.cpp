@@ -57,6 +57,8 @@ TEST_F(Delete, WhatIsReferredToStays)
     ASSERT_TRUE(update("X=1", {attribute("r", std::string("A=1,B=10;A=1,B=1x"), SECOND_REFERENCE)}));
     EXPECT_TRUE(remove("A=1,B=1")) << "a longer name is another object";
     ASSERT_TRUE(insert("A=1,B=2"));
+    ASSERT_TRUE(update("X=1", {attribute("r", std::string("A=1,B=2"), SECOND_REFERENCE)}));
+    expectRefused("A=1,B=2");
     ASSERT_TRUE(update("X=1", {attribute("r", std::string("A=1,B=2"), STRING)}));
     EXPECT_TRUE(remove("A=1,B=2")) << "plain text refers to nobody";
 }

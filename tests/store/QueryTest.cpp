@@ -83,7 +83,7 @@ TEST_F(Query, ChildrenAndDescendantsComeParentFirst)
 
 TEST_F(Query, PatternsFindTheFirstInstance)
 {
-    insertAll({"A=1", "A=1,Cell=7", "A=1,Cell=7,Port=1", "A_=2", "A=1,C_ll=1", "basez=3"});
+    insertAll({"A=1", "A=1,Cell=7", "A=1,Cell=7,Port=1", "A_=2", "A=1,CAll=1", "A=1,C_ll=1", "basez=3"});
     ASSERT_TRUE(insert("A=1,Cell:s=1", {}, false));
     EXPECT_EQ(store().getMoClassInstance("A=1,Cell=%"), "A=1,Cell=7");
     EXPECT_EQ(store().getMoClassInstance("A=%,Cell=%,Port=%"), "A=1,Cell=7,Port=1");
