@@ -1,31 +1,20 @@
 #pragma once
 
-#include <cstdint>
+#include "store/NotificationList.h"
 
-class Attribute;
-class DBObject;
+#include <span>
 
-/// Who wants to know what the store changes. The store announces on its own thread, in the order of
-/// its writes; without a sink it pays one branch for each announcement.
+/// Who takes the committed changes. Called on the store's thread, outside any transaction of the
+/// store; it may write to the store, which delivers those changes before the call returns. An
+/// exception costs this one change its delivery and nothing else.
 class ChangeSink {
 public:
     virtual ~ChangeSink() = default;
 
-    /// A row was inserted (18), updated (23) or deleted (9). Comes out of SQLite's update hook: the
-    /// connection must not be used in here.
-    virtual void rowChanged(int operation, const char* table, std::int64_t rowId) = 0;
+    /// One changed object: all items of it that belong together, its attributes' among them, and the
+    /// operation on the object. Its last item tells its DNs.
+    virtual void objectChanged(std::span<const NotificationItem> items, std::int32_t operation) = 0;
 
-    /// The rows changed so far can be read now. Before every commit of the store's own, and at the
-    /// end of a write that joined its caller's transaction.
-    virtual void collect() = 0;
-
-    /// This object with all its attributes, or this one attribute of it, goes with the next statement.
-    virtual void objectGoes(const DBObject& object) = 0;
-    virtual void attributeGoes(const DBObject& object, const Attribute& attribute) = 0;
-
-    /// A COMMIT was tried; what was collected and not discarded since is true.
-    virtual void deliver() = 0;
-
-    /// A transaction was rolled back: nothing announced since its BEGIN is true.
-    virtual void discard() = 0;
+    /// One item, after the object whose items went before it.
+    virtual void itemChanged(const NotificationItem& item) = 0;
 };

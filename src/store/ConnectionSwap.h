@@ -6,7 +6,7 @@ class Connection;
 class SQLite;
 
 /// Lets the store work on another database file through another connection for a while. The look-up
-/// caches are emptied on both ends, the announcements are off, and everything is put back when the
+/// caches are emptied on both ends, no change is captured, and everything is put back when the
 /// scope ends, on every path.
 class ConnectionSwap {
 public:
@@ -21,6 +21,5 @@ private:
     SQLite& m_store;
     Connection* m_connection;
     std::string m_databaseFile;
-    class ChangeSink* m_sink = nullptr;
     bool m_transactionOpen = false;
 };

@@ -2,12 +2,16 @@
 
 #include "platform/utility/DBObject.h"
 #include "store/Connection.h"
+#include "store/FlagScope.h"
+#include "store/NotificationList.h"
 #include "values/Attribute.h"
 
+#include <array>
 #include <cstdint>
 #include <list>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -41,6 +45,13 @@ public:
         std::int32_t MOInstance = 0;
         bool isMOMObject = false;
         bool system = false;
+    };
+
+    /// A row that a write changed, as SQLite's update hook tells it.
+    struct ChangedRow {
+        std::array<char, 101> table{}; ///< its first 100 characters
+        std::int64_t rowId = 0;
+        std::int32_t operation = 0; ///< a ChangeOperation
     };
 
     // --- Life (SQLite_Lifecycle.cpp) ---------------------------------------------------------
@@ -201,7 +212,7 @@ public:
     /// Withdraws all references that an object holds.
     void removeReference(std::int32_t objectId, bool inTransaction);
 
-    // --- Transactions and announcements (SQLite_Transaction.cpp) -------------------------------
+    // --- Transactions (SQLite_Transaction.cpp) -------------------------------------------------
 
     bool sql_start_transaction();
     bool sql_commit_transaction();
@@ -211,9 +222,32 @@ public:
     /// Rolls back a transaction that somebody left open, with an error line; true when there was one.
     bool rollbackLeftOver();
 
+    // --- Change capture (SQLite_Capture.cpp) ---------------------------------------------------
+
+    /// Makes notification items of the rows changed so far. To be called after the last statement of
+    /// a write and before its commit, while the rows can be read. Never fails the write.
+    void sql_collectDnInstPairs();
+    void sql_collectOneDnInstPair(Connection* connection, const ChangedRow& row);
+    void sql_collectOnePair_DBObject(Connection* connection, int operation, std::int64_t rowId);
+    /// The attribute is taken for one of the object whose item is the last in the list.
+    void sql_collectOnePair_Attribute(Connection* connection, int operation, std::int64_t rowId, bool alternate);
+    void sql_eraseDuplicateFomDnInstList(const NotificationItem& item);
+
+    /// While the guard lives, no change is captured.
+    FlagScope withoutNotifications() { return FlagScope(m_notificationsDisabled); }
+    bool notificationsDisabled() const { return m_notificationsDisabled; }
+    /// While the guard lives, changes are captured as consequences of others, told after those, and
+    /// commits deliver nothing.
+    FlagScope synchronising() { return FlagScope(m_synchronising); }
+    /// While the guard lives, changed attributes are captured as storageLoading.
+    FlagScope loadingAlternateStorage() { return FlagScope(m_loadingAlternateStorage); }
+
+    // --- Delivery (SQLite_Notify.cpp) ----------------------------------------------------------
+
     /// Who is told of changes from now on; null for nobody.
     void announceTo(ChangeSink* sink) { m_sink = sink; }
-    void sql_collectDnInstPairs();
+    /// Tells the sink what was captured since the last delivery. May be entered again by a sink that
+    /// writes. Never throws.
     void sql_sendNotifications();
 
     // --- Recovery (persistence/SQLite_Recovery.cpp) --------------------------------------------
@@ -268,7 +302,8 @@ private:
     void createRuntimeDatabase();
     void closeRuntime();
     static int refuseCommit(void* store);
-    static void rowChanged(void* store, int operation, const char* database, const char* table, long long rowId);
+    static void sql_updateCallback(void* store, int operation, const char* database, const char* table,
+                                   long long rowId);
 
     /// The guard of every operation: true, logged, during shut-down; true without a connection.
     bool unavailable(const char* operation) const;
@@ -312,7 +347,19 @@ private:
                         const std::unordered_set<std::string>& deletedDns);
     int deleteRows(std::int32_t objectId);
     int deleteDeepestFirst(std::int32_t objectId);
-    void announceDeletion(std::int32_t objectId);
+
+    std::string wholeDnField(std::int32_t objectId, std::int32_t parentId);
+    void collectStructOwner(const NotificationItem& member, std::int32_t ownerId);
+    void captureDeletion(std::int32_t objectId);
+    void captureAttributeDeletion(std::int32_t objectId, const std::string& name);
+    bool capturesDeletions() const;
+    /// False while another database is swapped in, whose changes are nobody's business.
+    bool onOwnRuntime() const { return m_runtime == m_ownRuntime.get(); }
+    NotificationList& activeList();
+    void forgetChanges();
+    void walk(const std::vector<NotificationItem>& items);
+    void announceObject(std::span<const NotificationItem> group, std::int32_t operation);
+    void followFeatureState(const NotificationItem& item);
 
     std::unique_ptr<Connection> m_ownRuntime;
     Connection* m_runtime = nullptr; // m_ownRuntime, or the one swapped in
@@ -320,6 +367,15 @@ private:
     std::string m_databaseFile;
     std::unique_ptr<TAMO::Framework::NamedSemaphore> m_persistentDbSemaphore;
     ChangeSink* m_sink = nullptr;
+
+    std::vector<ChangedRow> m_changedRows; // not collected yet
+    NotificationList m_changes;
+    NotificationList m_synchronised;       // filled instead while m_synchronising
+    std::size_t m_synchronisedAtBegin = 0; // its length when the open transaction began
+    bool m_ownerKnown = true;              // the object whose attribute rows come next could be read
+    bool m_notificationsDisabled = false;
+    bool m_synchronising = false;
+    bool m_loadingAlternateStorage = false;
 
     bool m_shutDown = false;
     bool m_ready = false;

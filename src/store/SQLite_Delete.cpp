@@ -3,7 +3,6 @@
 
 #include "store/SQLite.h"
 
-#include "store/ChangeSink.h"
 #include "store/OwnTransaction.h"
 #include "store/ReservedBy.h"
 #include "store/Statement.h"
@@ -52,11 +51,16 @@ bool SQLite::delete_object(const std::string& dn, std::int32_t MOInstance, bool 
         return false;
     if (transaction.isOwn())
         LOG_DEBUG("SQLite::%s, Single delete", __func__);
+    const std::size_t changesBefore = activeList().size();
     for (const std::int32_t each : ids)
-        announceDeletion(each);
+        captureDeletion(each);
+    const std::size_t rowsBefore = m_changedRows.size();
     const int result = deleteRows(id);
+    // The deletions are captured; a row id that is used again must not tell the new object's.
+    m_changedRows.resize(rowsBefore);
     forgetLookups();
     if (result != SQLITE_DONE) {
+        activeList().cutBack(changesBefore);
         LOG_ERROR("SQLite::%s, Error while deleting object '%s' by %s! SQLite error: %d", __func__, dn.c_str(),
                   client.c_str(), result);
         transaction.abandon();
@@ -67,14 +71,6 @@ bool SQLite::delete_object(const std::string& dn, std::int32_t MOInstance, bool 
         transaction.finish();
     LOG_DEBUG("SQLite::%s, Object '%s' deleted from database by %s", __func__, dn.c_str(), client.c_str());
     return true;
-}
-
-void SQLite::announceDeletion(std::int32_t objectId)
-{
-    if (!m_sink)
-        return;
-    if (const auto object = sql_get_object(objectId, "delete_object"))
-        m_sink->objectGoes(*object);
 }
 
 /// Deletes the row, and with it what hangs below; SQLITE_DONE on success, else nothing is deleted.
@@ -186,12 +182,11 @@ bool SQLite::deleteAttribute(const std::string& name, std::int32_t objectId, boo
         LOG_DEBUG("SQLite::%s: Cannot delete attribute %s from DB, it does not exist.", __func__, name.c_str());
         return false;
     }
-    if (m_sink)
-        if (const auto object = sql_get_object(objectId, "deleteAttribute"))
-            if (const Attribute* const attribute = object->getAttribute(name))
-                m_sink->attributeGoes(*object, *attribute);
+    captureAttributeDeletion(objectId, name);
+    const std::size_t rowsBefore = m_changedRows.size();
     Statement remove(m_runtime, "delete from Attribute where belongsTo = %d and name = %Q", objectId, name.c_str());
     remove.step();
+    m_changedRows.resize(rowsBefore); // captured already
     if (!remove.done()) {
         LOG_ERROR("SQLite::%s: Error deleting attribute %s from DB", __func__, name.c_str());
         doIntegrityCheck();

@@ -3,7 +3,6 @@
 
 #include "store/SQLite.h"
 
-#include "store/ChangeSink.h"
 #include "store/ConnectionSwap.h"
 #include "store/FileLocations.h"
 
@@ -87,7 +86,7 @@ void SQLite::createRuntimeDatabase()
     // spilled its cache would lock the file against the integrity check's own connection.
     if (m_runtime->execute("PRAGMA journal_mode = MEMORY; PRAGMA cache_spill = OFF;") != SQLITE_OK)
         LOG_ERROR("Unable to keep the journal in memory: %s", m_runtime->message());
-    sqlite3_update_hook(m_runtime->handle(), &SQLite::rowChanged, this);
+    sqlite3_update_hook(m_runtime->handle(), &SQLite::sql_updateCallback, this);
     sqlite3_commit_hook(m_runtime->handle(), &SQLite::refuseCommit, this);
 }
 
@@ -130,7 +129,6 @@ void ConnectionSwap::exchange()
 {
     std::swap(m_store.m_runtime, m_connection);
     std::swap(m_store.m_databaseFile, m_databaseFile);
-    std::swap(m_store.m_sink, m_sink);
     std::swap(m_store.m_transactionOpen, m_transactionOpen);
     m_store.forgetLookups();
 }

@@ -1,9 +1,8 @@
-// SQLite transactions on the runtime connection, what a commit saves, and the announcements that go
-// with begin, commit and rollback.
+// SQLite transactions on the runtime connection, and what goes with them: captured changes are told
+// after a commit and forgotten by a rollback, and a commit may save the database.
 
 #include "store/SQLite.h"
 
-#include "store/ChangeSink.h"
 #include "store/FileLocations.h"
 #include "store/Statement.h"
 
@@ -53,7 +52,11 @@ bool SQLite::sql_start_transaction()
     const char* const text = "BEGIN IMMEDIATE TRANSACTION";
     const int result = run(m_runtime, text);
     LOG_DEBUG("sql_start_transaction: ret value: %d, msg: %s, buf: %s", result, errorText(*m_runtime, result), text);
-    m_transactionOpen = m_transactionOpen || result == SQLITE_OK;
+    if (result == SQLITE_OK) {
+        m_transactionOpen = true;
+        if (onOwnRuntime())
+            m_synchronisedAtBegin = m_synchronised.size();
+    }
     return result == SQLITE_OK;
 }
 
@@ -68,8 +71,8 @@ bool SQLite::sql_rollback_transaction()
     forgetLookups();
     m_runtime->forgetSchema();
     // SQLite may have rolled back by itself, on a full disk for instance; nothing is true then either.
-    if (m_sink && (result == SQLITE_OK || !m_runtime->inTransaction()))
-        m_sink->discard();
+    if (result == SQLITE_OK || !m_runtime->inTransaction())
+        forgetChanges();
     return result == SQLITE_OK;
 }
 
@@ -85,7 +88,8 @@ bool SQLite::sql_commit_transaction()
         m_transactionOpen = false;
     else
         sql_rollback_transaction(); // its writes must not ride on a later commit
-    sql_sendNotifications();
+    if (!m_synchronising)
+        sql_sendNotifications();
     saveAfterCommit();
     return result == SQLITE_OK;
 }
@@ -111,22 +115,3 @@ void SQLite::saveAfterCommit()
 }
 
 int SQLite::refuseCommit(void* store) { return static_cast<SQLite*>(store)->shutDownOngoing("sql_commitCallback"); }
-
-void SQLite::rowChanged(void* store, int operation, const char*, const char* table, long long rowId)
-{
-    const auto* const self = static_cast<SQLite*>(store);
-    if (self->m_sink && !self->shutDownOngoing("sql_updateCallback"))
-        self->m_sink->rowChanged(operation, table, rowId);
-}
-
-void SQLite::sql_collectDnInstPairs()
-{
-    if (m_sink && !unavailable(__func__))
-        m_sink->collect();
-}
-
-void SQLite::sql_sendNotifications()
-{
-    if (m_sink && !unavailable(__func__))
-        m_sink->deliver();
-}

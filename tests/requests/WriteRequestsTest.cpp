@@ -3,7 +3,7 @@
 #include "tests/requests/RequestTest.h"
 
 #include "platform/messages/Notifications.h"
-#include "store/ChangeSink.h"
+#include "requests/Serve.h"
 
 #include <filesystem>
 #include <random>
@@ -102,19 +102,6 @@ TAMO_deleteAttribute attributeDeletion(const std::string& dn, const std::string&
     return request;
 }
 
-/// Fails in the middle of every write.
-class FailingSink : public ChangeSink {
-public:
-    FailingSink() { SQLite::getInstance().announceTo(this); }
-    ~FailingSink() override { SQLite::getInstance().announceTo(nullptr); }
-    void rowChanged(int, const char*, std::int64_t) override {}
-    void collect() override { throw std::runtime_error("in the middle"); }
-    void objectGoes(const DBObject&) override {}
-    void attributeGoes(const DBObject&, const Attribute&) override {}
-    void deliver() override {}
-    void discard() override {}
-};
-
 } // namespace
 
 TEST_F(EveryHandler, RefusesWhatIsNoMessageInItsOwnForm)
@@ -151,14 +138,20 @@ TEST_F(EveryHandler, UnknownAndUnansweredMessagesAreReleasedInSilence)
 TEST_F(EveryHandler, FailureInTheMiddleIsAnsweredAndLeavesNoTransaction)
 {
     ASSERT_TRUE(insert("A=1", {text("a", "x")}));
-    log.forget();
-    {
-        const FailingSink failing;
-        EXPECT_FALSE(insertByRequest(container("B=1")));
-        EXPECT_FALSE(ask<TAMO_DBSetAttributeValueRsp>(setting("A=1", "a", std::string("y"))).success);
-        EXPECT_FALSE(ask<TAMO_DBDeleteRsp>(deletion("A=1")).success);
-    }
-    EXPECT_EQ(log.count(mwLogError, "in the middle"), 3);
+    const auto breakOff = [](const TAMO_DBDelete& request, const Client&) -> std::optional<TAMO_DBDeleteRsp> {
+        EXPECT_TRUE(store().sql_start_transaction());
+        EXPECT_TRUE(store().delete_object(request.dn, 1, true, "test"));
+        throw std::runtime_error("in the middle");
+    };
+    TAMO_DBDelete request = deletion("A=1");
+    request.transId = 7;
+    const RawMessage raw{TAMO_DBDelete::id, client.id(), 0, 0, request.serialize(), nullptr};
+    serve<TAMO_DBDelete, TAMO_DBDeleteRsp>(&raw, {}, breakOff);
+    const auto answer = client.next<TAMO_DBDeleteRsp>();
+    ASSERT_TRUE(answer);
+    EXPECT_FALSE(answer->success);
+    EXPECT_EQ(answer->transId, 7);
+    EXPECT_EQ(log.count(mwLogError, "in the middle"), 1);
     EXPECT_TRUE(anotherConnectionCanWrite());
     EXPECT_EQ(value("A=1", "a"), "x");
     EXPECT_TRUE(insertByRequest(container("B=1")));

@@ -1,9 +1,9 @@
-// Begin, commit and rollback; what a commit saves; and what the sink of changes is told, in order.
+// Begin, commit and rollback; what a commit saves.
 
 #include "tests/support/Faults.h"
+#include "tests/support/Recorder.h"
 #include "tests/support/TempStore.h"
 
-#include "store/ChangeSink.h"
 #include "store/ConnectionSwap.h"
 #include "store/FileLocations.h"
 
@@ -38,37 +38,6 @@ public:
 
 private:
     sqlite3* m_file = nullptr;
-};
-
-/// Writes down what it is told.
-class Witness : public ChangeSink {
-public:
-    Witness() { SQLite::getInstance().announceTo(this); }
-    ~Witness() override { SQLite::getInstance().announceTo(nullptr); }
-
-    void rowChanged(int operation, const char* table, std::int64_t rowId) override
-    {
-        told +=
-            std::to_string(operation) + (table == std::string("DBObject") ? "o" : "a") + std::to_string(rowId) + " ";
-    }
-    void collect() override { told += inTransaction() ? "collect " : "collect-late "; }
-    void objectGoes(const DBObject& object) override
-    {
-        told += "goes(" + object.fullDn() + "," + std::to_string(object.attributes.size()) +
-                (SQLite::getInstance().idExists(object.id) ? ") " : ",late) ");
-    }
-    void attributeGoes(const DBObject& object, const Attribute& attribute) override
-    {
-        told += "goes(" + object.fullDn() + ":" + attribute.name + "=" + attribute.ToStr() + ") ";
-    }
-    void deliver() override { told += inTransaction() ? "deliver-early " : "deliver "; }
-    void discard() override { told += "discard "; }
-
-    std::string take() { return std::exchange(told, {}); }
-
-private:
-    static bool inTransaction() { return SQLite::getInstance().runtime()->inTransaction(); }
-    std::string told;
 };
 
 } // namespace
@@ -183,52 +152,9 @@ TEST_F(Transaction, FilesThatMustLastAreNotWrittenByACommit)
     }
 }
 
-TEST_F(Transaction, SinkHearsOfAWriteBeforeItsCommitAndDeliversAfter)
-{
-    Witness witness;
-    ASSERT_TRUE(insert("B=1", {text("b", "x")}));
-    EXPECT_EQ(witness.take(), "18o2 18a2 collect deliver ");
-    ASSERT_TRUE(update("B=1", {text("b", "y"), text("c", "z")}));
-    EXPECT_EQ(witness.take(), "23o2 23a2 18a3 collect deliver ");
-    ASSERT_TRUE(store().deleteAttribute("c", 2, false));
-    EXPECT_EQ(witness.take(), "goes(B=1:c=z) 9a3 collect deliver ");
-    ASSERT_TRUE(insert("B=1,C=1"));
-    witness.take();
-    ASSERT_TRUE(store().delete_object("B=1", 1, false, "test"));
-    const std::string told = witness.take();
-    EXPECT_EQ(told.find("goes(B=1,C=1,0) goes(B=1,1) 9"), 0U) << told;
-    EXPECT_TRUE(told.ends_with(" collect deliver ")) << told;
-}
-
-TEST_F(Transaction, SinkHearsNothingTrueOfWhatWasRolledBack)
-{
-    Witness witness;
-    EXPECT_FALSE(update("Absent=1", {text("a", "y")}));
-    EXPECT_EQ(witness.take(), "") << "no transaction was begun";
-    {
-        RefusedPrepare refused(handle(), SQLITE_INSERT, "Attribute");
-        EXPECT_FALSE(insert("B=1", {text("b", "x")}));
-    }
-    EXPECT_EQ(witness.take(), "18o2 discard ");
-    {
-        BrokenStep broken(handle(), "INSERT INTO Attribute");
-        EXPECT_FALSE(insert("B=1", {text("b", "x")}));
-    }
-    EXPECT_TRUE(witness.take().ends_with("discard ")) << "also when SQLite rolled back by itself";
-    ASSERT_TRUE(store().sql_start_transaction());
-    DBObject joined = container("B=1");
-    ASSERT_TRUE(store().sql_insert(&joined, true, "test"));
-    EXPECT_EQ(witness.take(), "18o2 collect ") << "the delivery is its caller's";
-    {
-        FullDrive full("runtime/pRBSdb");
-        EXPECT_FALSE(store().sql_commit_transaction());
-    }
-    EXPECT_EQ(witness.take(), "discard deliver ");
-}
-
 TEST_F(Transaction, SwappedConnectionIsAWorldOfItsOwn)
 {
-    Witness witness;
+    Recorder recorder;
     const std::int32_t id = idOf("A=1");
     EXPECT_EQ(store().get_whole_dn(id), "A=1");
     ASSERT_TRUE(store().sql_start_transaction());
@@ -244,7 +170,7 @@ TEST_F(Transaction, SwappedConnectionIsAWorldOfItsOwn)
         EXPECT_EQ(store().get_whole_dn(id), "X=1");
         EXPECT_FALSE(store().isReadyForOssSync("test"));
     }
-    EXPECT_EQ(witness.take(), "");
+    EXPECT_EQ(recorder.take(), "");
     EXPECT_TRUE(store().transactionOpen());
     EXPECT_EQ(idOf("X=1"), 0);
     EXPECT_EQ(store().get_whole_dn(id), "A=1");

@@ -1,0 +1,88 @@
+// The walk over the captured changes after a commit: object by object and item by item to the sink,
+// and what the store itself follows. SQLite_Capture.cpp filled the lists.
+
+#include "store/SQLite.h"
+
+#include "store/ChangeSink.h"
+
+#include "platform/middleware/Log.h"
+
+#include <exception>
+#include <span>
+
+namespace {
+
+bool sameObject(const NotificationItem& a, const NotificationItem& b)
+{
+    return a.realDn() == b.realDn() && a.MOInstance == b.MOInstance;
+}
+
+/// A change that cannot be delivered must not cost the others their delivery.
+template <class Work>
+void guarded(const NotificationItem& item, Work work)
+{
+    try {
+        work();
+    } catch (const std::exception& error) {
+        LOG_ERROR("SQLite::sql_sendNotifications(), a change of %s was not delivered: %s", item.realDn().c_str(),
+                  error.what());
+    }
+}
+
+} // namespace
+
+void SQLite::sql_sendNotifications()
+{
+    if (unavailable(__func__) || !onOwnRuntime())
+        return;
+    m_changedRows.clear();
+    m_ownerKnown = true;
+    try {
+        // Each list is taken before its first item is told: whoever is told may write.
+        walk(m_changes.takeCompacted());
+        walk(m_synchronised.takeCompacted());
+    } catch (const std::exception& error) {
+        LOG_ERROR("SQLite::%s(), changes were not delivered: %s", __func__, error.what());
+    }
+}
+
+void SQLite::walk(const std::vector<NotificationItem>& items)
+{
+    const std::span all(items);
+    std::size_t begin = 0;      // of the object's group
+    std::int32_t operation = 0; // of the last object item walked
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        const NotificationItem& item = items[i];
+        const bool next = i > begin && (!sameObject(items[i - 1], item) ||
+                                        (item.ofObject() && operation != 0 && item.operation != operation));
+        if (next) {
+            announceObject(all.subspan(begin, i - begin), operation);
+            begin = i;
+        }
+        if (item.ofObject())
+            operation = item.operation;
+        if (m_sink)
+            guarded(item, [&] { m_sink->itemChanged(item); });
+        followFeatureState(item);
+    }
+    if (!items.empty())
+        announceObject(all.subspan(begin), operation);
+}
+
+void SQLite::announceObject(std::span<const NotificationItem> group, std::int32_t operation)
+{
+    const bool hasAttributes = group.size() > 1 || !group.front().ofObject();
+    if (m_sink && operation != 0 && hasAttributes)
+        guarded(group.back(), [&] { m_sink->objectChanged(group, operation); });
+}
+
+/// The attribute that switches the dump file on and off.
+void SQLite::followFeatureState(const NotificationItem& item)
+{
+    if (item.attribute != "databaseDumpEnabled" || item.dn != "FeatureState")
+        return;
+    if (const bool* const enabled = std::get_if<bool>(&item.value))
+        m_databaseDumpEnabled = *enabled;
+    else
+        LOG_ERROR("SQLite::sql_sendNotifications(), databaseDumpEnabled of FeatureState is no boolean and is ignored");
+}
