@@ -87,10 +87,13 @@ public:
         m_child = prepare("select id from DBObject where parent = ?1 and dn = ?2");
         m_object = prepare("select * from DBObject where id = ?1");
         m_attributes = prepare("select * from Attribute where belongsTo = ?1");
+        m_touch = prepare("update DBObject set isMOMObject = 1, system = 0 where id = ?1");
+        m_old = prepare("select id, value from Attribute where belongsTo = ?1 and name = 'attribute1'");
+        m_new = prepare("update Attribute set value = ?2 where id = ?1");
     }
     ~ByHand()
     {
-        for (sqlite3_stmt* statement : {m_child, m_object, m_attributes})
+        for (sqlite3_stmt* statement : {m_child, m_object, m_attributes, m_touch, m_old, m_new})
             sqlite3_finalize(statement);
     }
     ByHand(const ByHand&) = delete;
@@ -98,9 +101,7 @@ public:
 
     int fetch(int number)
     {
-        int id = child(0, "ManagedElement=1");
-        id = child(id, "Group=" + std::to_string(number / childrenEach));
-        id = child(id, childPair(number));
+        const int id = idOf(number);
         sqlite3_bind_int(m_object, 1, id);
         sqlite3_step(m_object);
         int seen = sqlite3_column_bytes(m_object, 2);
@@ -112,7 +113,28 @@ public:
         return seen;
     }
 
+    void update(int number, std::int32_t value)
+    {
+        const int id = idOf(number);
+        sqlite3_bind_int(m_touch, 1, id);
+        mustSucceed(sqlite3_step(m_touch) == SQLITE_DONE);
+        sqlite3_reset(m_touch);
+        sqlite3_bind_int(m_old, 1, id);
+        mustSucceed(sqlite3_step(m_old) == SQLITE_ROW);
+        sqlite3_bind_int(m_new, 1, sqlite3_column_int(m_old, 0));
+        sqlite3_bind_int(m_new, 2, value);
+        sqlite3_reset(m_old);
+        mustSucceed(sqlite3_step(m_new) == SQLITE_DONE);
+        sqlite3_reset(m_new);
+    }
+
 private:
+    int idOf(int number)
+    {
+        int id = child(0, "ManagedElement=1");
+        id = child(id, "Group=" + std::to_string(number / childrenEach));
+        return child(id, childPair(number));
+    }
     sqlite3_stmt* prepare(const char* sql)
     {
         sqlite3_stmt* statement = nullptr;
@@ -133,6 +155,9 @@ private:
     sqlite3_stmt* m_child;
     sqlite3_stmt* m_object;
     sqlite3_stmt* m_attributes;
+    sqlite3_stmt* m_touch;
+    sqlite3_stmt* m_old;
+    sqlite3_stmt* m_new;
 };
 
 class Numbers {
@@ -169,18 +194,84 @@ void fetch(benchmark::State& state)
     }
 }
 
+/// An update of one attribute to a value that it never had.
+DBObject changeOf(int number)
+{
+    static std::int32_t value = 1000000;
+    DBObject change(childPair(number), 1, true, false, 0, 1, parentDn(number), 1);
+    change.addAttribute(Attribute(false, "attribute1", ++value, 0, true, IPCData::INT32, true, false));
+    return change;
+}
+
 void update(benchmark::State& state)
 {
     SQLite& store = Tree::of(sizeOf(state));
     Numbers numbers(sizeOf(state));
-    std::int32_t value = 1000000;
     for ([[maybe_unused]] const auto _ : state) {
-        const int number = numbers.next();
-        DBObject change(childPair(number), 1, true, false, 0, 1, parentDn(number), 1);
-        change.addAttribute(Attribute(false, "attribute1", ++value, 0, true, IPCData::INT32, true, false));
+        DBObject change = changeOf(numbers.next());
         const SharedLock lock(store.runtime());
         mustSucceed(store.sql_update(&change, false, "bench"));
     }
+}
+
+/// The same without capture: what telling of changes costs those of whom nobody wants to hear.
+void updateUntold(benchmark::State& state)
+{
+    const FlagScope untold = Tree::of(sizeOf(state)).withoutNotifications();
+    update(state);
+}
+
+constexpr int updatesEach = 100;
+
+/// What SQLite itself takes for a transaction of 100 updates: each object's path, the touch of its row
+/// and the attribute's old and new value.
+void hundredByHand(benchmark::State& state)
+{
+    SQLite& store = Tree::of(sizeOf(state));
+    const FlagScope untold = store.withoutNotifications();
+    ByHand byHand(store);
+    Numbers numbers(sizeOf(state));
+    std::int32_t value = 2000000;
+    for ([[maybe_unused]] const auto _ : state) {
+        const SharedLock lock(store.runtime());
+        mustSucceed(store.runtime()->execute("BEGIN IMMEDIATE") == SQLITE_OK);
+        for (int i = 0; i < updatesEach; ++i)
+            byHand.update(numbers.next(), ++value);
+        mustSucceed(store.runtime()->execute("COMMIT") == SQLITE_OK);
+    }
+}
+
+void hundredUpdates(benchmark::State& state)
+{
+    SQLite& store = Tree::of(sizeOf(state));
+    Numbers numbers(sizeOf(state));
+    for ([[maybe_unused]] const auto _ : state) {
+        const SharedLock lock(store.runtime());
+        mustSucceed(store.sql_start_transaction());
+        for (int i = 0; i < updatesEach; ++i) {
+            DBObject change = changeOf(numbers.next());
+            mustSucceed(store.sql_update(&change, true, "bench"));
+        }
+        mustSucceed(store.sql_commit_transaction());
+    }
+}
+
+/// One commit of this many new objects; the counter is its time for each of them.
+void oneCommit(benchmark::State& state)
+{
+    SQLite& store = Tree::of(1000);
+    static int instance = 0;
+    for ([[maybe_unused]] const auto _ : state) {
+        mustSucceed(store.sql_start_transaction());
+        for (int i = 0; i < sizeOf(state); ++i) {
+            DBObject object = item(0);
+            object.dn = "Together=" + std::to_string(++instance);
+            mustSucceed(store.sql_insert(&object, true, "bench"));
+        }
+        mustSucceed(store.sql_commit_transaction());
+    }
+    state.counters["each"] = benchmark::Counter(static_cast<double>(state.iterations()) * sizeOf(state),
+                                                benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 void insert(benchmark::State& state)
@@ -236,11 +327,15 @@ BENCHMARK(fetchByHand)->Arg(1000)->Arg(10000)->Arg(100000);
 BENCHMARK(fetch)->Arg(1000)->Arg(10000)->Arg(100000);
 BENCHMARK(children)->Arg(1000)->Arg(10000)->Arg(100000);
 BENCHMARK(update)->Arg(1000)->Arg(10000)->Arg(100000);
+BENCHMARK(updateUntold)->Arg(10000);
+BENCHMARK(hundredByHand)->Arg(10000)->Unit(benchmark::kMillisecond);
+BENCHMARK(hundredUpdates)->Arg(10000)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(copyByHand, defaults, "")->Arg(10000)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(copyByHand, noJournalNoSync, "PRAGMA journal_mode = OFF; PRAGMA synchronous = OFF;")
     ->Arg(10000)
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(dumpSave)->Arg(10000)->Unit(benchmark::kMillisecond);
+BENCHMARK(oneCommit)->Arg(100)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(insert)->Arg(1000)->Arg(10000)->Arg(100000)->Iterations(5000);
 
 BENCHMARK_MAIN();

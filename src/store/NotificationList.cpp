@@ -167,9 +167,10 @@ void NotificationList::clear()
 
 void NotificationList::forgetIndexes()
 {
-    m_objectItems.clear();
-    m_attributeItems.clear();
-    m_latestAttribute.clear();
+    // Not clear(): that goes over all buckets, and they stay as many as the largest commit needed.
+    decltype(m_objectItems)().swap(m_objectItems);
+    decltype(m_attributeItems)().swap(m_attributeItems);
+    decltype(m_latestAttribute)().swap(m_latestAttribute);
     m_attributesIndexed = false;
 }
 

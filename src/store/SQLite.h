@@ -4,6 +4,7 @@
 #include "store/Connection.h"
 #include "store/FlagScope.h"
 #include "store/NotificationList.h"
+#include "store/PathCache.h"
 #include "values/Attribute.h"
 
 #include <array>
@@ -323,8 +324,9 @@ private:
     bool cachedIdStands(const std::vector<std::string>& pairs, const std::string& dn, std::int32_t MOInstance,
                         std::int32_t parentId);
     std::int32_t findSinglePair(const std::string& pair, std::int32_t MOInstance, std::int32_t parentId, int& result);
-    std::int32_t followPairs(std::int32_t fromId, const std::vector<std::string>& pairs, std::size_t first,
-                             int& result);
+    std::int32_t followPairs(std::int32_t fromId, std::span<const std::string> pairs, int& result);
+    std::int32_t followFromRoot(const std::string& dn, std::span<const std::string> pairs, int& result);
+    std::string walkUp(std::int32_t objectId, int& result);
     std::int32_t findPath(const std::string& dn, const std::vector<std::string>& pairs, std::int32_t MOInstance,
                           int& result);
 
@@ -348,7 +350,7 @@ private:
     int deleteRows(std::int32_t objectId);
     int deleteDeepestFirst(std::int32_t objectId);
 
-    std::string wholeDnField(std::int32_t objectId, std::int32_t parentId);
+    std::string wholeDnField(const std::string& pair, std::int32_t objectId, std::int32_t parentId);
     void collectStructOwner(const NotificationItem& member, std::int32_t ownerId);
     void captureDeletion(std::int32_t objectId);
     void captureAttributeDeletion(std::int32_t objectId, const std::string& name);
@@ -391,4 +393,5 @@ private:
     std::int32_t m_lastId = 0;
     std::int32_t m_lastWholeDnId = 0; // of the last walk to the root, with its result
     std::string m_lastWholeDn;
+    PathCache m_parents;
 };

@@ -113,6 +113,7 @@ void SQLite::forgetWholeDn()
 {
     m_lastWholeDnId = 0;
     m_lastWholeDn.clear();
+    m_parents.clear();
 }
 
 std::optional<SQLite::ObjectRow> SQLite::objectRow(std::int32_t objectId, int& result)
@@ -161,13 +162,12 @@ std::int32_t SQLite::findSinglePair(const std::string& pair, std::int32_t MOInst
     return result == SQLITE_ROW ? anywhere.integer(0) : 0;
 }
 
-/// Walks down from an object along the pairs from index `first`; 0 where the path ends.
-std::int32_t SQLite::followPairs(std::int32_t fromId, const std::vector<std::string>& pairs, std::size_t first,
-                                 int& result)
+/// Walks down from an object along the pairs; 0 where the path ends.
+std::int32_t SQLite::followPairs(std::int32_t fromId, std::span<const std::string> pairs, int& result)
 {
     std::int32_t id = fromId;
-    for (std::size_t i = first; i < pairs.size(); ++i) {
-        Statement child(m_runtime, "select id from DBObject where parent=%d and dn=%Q", id, pairs[i].c_str());
+    for (const std::string& pair : pairs) {
+        Statement child(m_runtime, "select id from DBObject where parent=%d and dn=%Q", id, pair.c_str());
         result = child.step();
         id = result == SQLITE_ROW ? child.integer(0) : 0;
         if (id == 0)
@@ -176,15 +176,31 @@ std::int32_t SQLite::followPairs(std::int32_t fromId, const std::vector<std::str
     return id;
 }
 
+/// Walks down a path of several pairs, the last step from its parent when that is known.
+std::int32_t SQLite::followFromRoot(const std::string& dn, std::span<const std::string> pairs, int& result)
+{
+    const auto last = pairs.last(1);
+    std::string parentDn = splitOwnPair(dn).parent;
+    if (const std::int32_t parent = m_parents.id(parentDn))
+        return followPairs(parent, last, result);
+    const std::int32_t parent = followPairs(0, pairs.first(pairs.size() - 1), result);
+    if (parent == 0)
+        return 0;
+    if (pairs.size() > 2) // a single pair is looked up by its MOInstance, too
+        m_parents.rememberId(std::move(parentDn), parent);
+    return followPairs(parent, last, result);
+}
+
 /// The object at the end of a path: from the root, else from wherever its first pair stands, else
 /// the one whose own pair is the whole text, commas and all.
 std::int32_t SQLite::findPath(const std::string& dn, const std::vector<std::string>& pairs, std::int32_t MOInstance,
                               int& result)
 {
-    if (const std::int32_t id = followPairs(0, pairs, 0, result); id != 0 || isError(result))
+    if (const std::int32_t id = followFromRoot(dn, pairs, result); id != 0 || isError(result))
         return id;
     // Nothing but the root has an index for this, so one look at every row must do.
     std::int32_t whole = 0;
+    const auto below = std::span(pairs).subspan(1);
     Statement rows(
         m_runtime,
         "select id,parent,dn = %Q from DBObject where (dn = %Q and parent != 0) or (dn = %Q and MOInstance = "
@@ -194,7 +210,7 @@ std::int32_t SQLite::findPath(const std::string& dn, const std::vector<std::stri
         if (rows.integer(2) != 0) {
             if (whole == 0 || rows.integer(1) == 0)
                 whole = rows.integer(0);
-        } else if (const std::int32_t id = followPairs(rows.integer(0), pairs, 1, result); id != 0 || isError(result)) {
+        } else if (const std::int32_t id = followPairs(rows.integer(0), below, result); id != 0 || isError(result)) {
             return id;
         }
     }
@@ -262,6 +278,38 @@ std::int32_t SQLite::get_object_id_with_parent(const std::string& pair, std::int
     return 0;
 }
 
+/// The pairs from the root to an object; those above it come from memory when its parent is known.
+std::string SQLite::walkUp(std::int32_t objectId, int& result)
+{
+    std::vector<std::string> pairs; // from the object up
+    std::string wholeDn;
+    std::int32_t current = objectId;
+    std::int32_t parent = 0; // of the object
+    for (int level = 0; level < maxLevels; ++level) {
+        if (const std::string* const known = level == 0 ? nullptr : m_parents.wholeDn(current)) {
+            wholeDn = *known;
+            break;
+        }
+        Statement row(m_runtime, "select parent,dn from DBObject where id=%d", current);
+        result = row.step();
+        if (result != SQLITE_ROW)
+            break;
+        pairs.emplace_back(row.text(1));
+        current = row.integer(0);
+        if (level == 0)
+            parent = current;
+        if (current == 0)
+            break;
+    }
+    const bool whole = result == SQLITE_ROW; // every row on the way up was there
+    for (auto pair = pairs.rbegin(); pair != pairs.rend(); ++pair) {
+        if (whole && parent != 0 && std::next(pair) == pairs.rend())
+            m_parents.rememberWholeDn(parent, wholeDn);
+        wholeDn.append(wholeDn.empty() ? "" : ",").append(*pair);
+    }
+    return wholeDn;
+}
+
 std::string SQLite::get_whole_dn(std::int32_t objectId)
 {
     if (unavailable(__func__))
@@ -271,26 +319,12 @@ std::string SQLite::get_whole_dn(std::int32_t objectId)
         return m_lastWholeDn;
     }
     LOG_DEBUG("SQLite::%s: Fetching whole dn for object id %d.", __func__, objectId);
-    std::vector<std::string> pairs; // from the object up
     int result = SQLITE_OK;
-    std::int32_t current = objectId;
-    for (int level = 0; level < maxLevels; ++level) {
-        Statement row(m_runtime, "select parent,dn from DBObject where id=%d", current);
-        result = row.step();
-        if (result != SQLITE_ROW)
-            break;
-        pairs.emplace_back(row.text(1));
-        current = row.integer(0);
-        if (current == 0)
-            break;
-    }
+    const std::string wholeDn = walkUp(objectId, result);
     if (isError(result)) {
         LOG_ERROR("SQLite::%s: Error while fetching whole dn. Sqlite error: %d", __func__, result);
         doIntegrityCheck();
     }
-    std::string wholeDn;
-    for (auto pair = pairs.rbegin(); pair != pairs.rend(); ++pair)
-        wholeDn.append(wholeDn.empty() ? "" : ",").append(*pair);
     m_lastWholeDnId = objectId;
     m_lastWholeDn = wholeDn;
     LOG_DEBUG("SQLite::%s: Returning %s", __func__, wholeDn.c_str());

@@ -8,6 +8,7 @@
 #include "store/ValueBinding.h"
 
 #include "platform/middleware/Log.h"
+#include "values/DistinguishedName.h"
 #include "values/ValueType.h"
 
 #include <sqlite3.h>
@@ -61,6 +62,8 @@ bool isStructMember(const NotificationItem& item)
 void SQLite::sql_updateCallback(void* store, int operation, const char*, const char* table, long long rowId)
 {
     auto* const self = static_cast<SQLite*>(store);
+    if (operation == changeDelete && std::strcmp(table, objectTable) == 0)
+        self->forgetLookups();
     if (self->shutDownOngoing(__func__))
         return;
     if (self->m_notificationsDisabled) {
@@ -139,7 +142,7 @@ void SQLite::sql_collectOnePair_DBObject(Connection* connection, int operation, 
     item.operation = operation;
     if (item.MOInstance == 0)
         LOG_DEBUG("SQLite::%s, got 0 instance. Notifications may be erroneous.", __func__);
-    item.wholeDn = wholeDnField(static_cast<std::int32_t>(rowId), parentId);
+    item.wholeDn = wholeDnField(item.dn, static_cast<std::int32_t>(rowId), parentId);
     if (isStructMember(item)) {
         LOG_DEBUG("SQLite::%s, struct found %s.", __func__, item.dn.c_str());
         collectStructOwner(item, parentId);
@@ -150,11 +153,15 @@ void SQLite::sql_collectOnePair_DBObject(Connection* connection, int operation, 
 }
 
 /// The whole DN as items carry it: empty for an object directly under the base object.
-std::string SQLite::wholeDnField(std::int32_t objectId, std::int32_t parentId)
+std::string SQLite::wholeDnField(const std::string& pair, std::int32_t objectId, std::int32_t parentId)
 {
+    if (parentId == 0)
+        return {};
+    if (const std::string* const parentDn = m_parents.wholeDn(parentId))
+        return joinDn(*parentDn, pair);
     int result = SQLITE_DONE;
     const auto parent = objectRow(parentId, result);
-    if (!parent && result != SQLITE_OK && result != SQLITE_ROW && result != SQLITE_DONE) {
+    if (!parent && result != SQLITE_OK && result != SQLITE_DONE) {
         LOG_ERROR("SQLite::%s, failed to process correctly (instance).", "sql_collectOnePair_DBObject");
         doIntegrityCheck();
     }

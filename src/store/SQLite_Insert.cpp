@@ -8,6 +8,7 @@
 #include "store/WriteOperation.h"
 
 #include "platform/middleware/Log.h"
+#include "values/DistinguishedName.h"
 #include "values/ValueType.h"
 
 #include <sqlite3.h>
@@ -194,7 +195,12 @@ void SQLite::resolveParent(DBObject& object)
 {
     if (object.parentMOInstance == 0)
         object.parentMOInstance = 1;
+    object.parentId = m_parents.id(object.parentDn);
+    if (object.parentId != 0)
+        return;
     object.parentId = get_object_id(object.parentDn, object.parentMOInstance);
+    if (object.parentId != 0 && !splitOwnPair(object.parentDn).parent.empty())
+        m_parents.rememberId(object.parentDn, object.parentId);
 }
 
 std::int32_t SQLite::childWithInstance(const std::string& pair, std::int32_t parentId, std::int32_t MOInstance)

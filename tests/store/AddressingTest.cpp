@@ -169,6 +169,47 @@ TEST_F(Addressing, RememberedAnswersEndWithWhatTheyWereTrueFor)
     EXPECT_EQ(store().get_whole_dn(id), "");
 }
 
+TEST_F(Addressing, ParentsAreRememberedNoLongerThanTheyStand)
+{
+    const std::string leaf = "A=1,B=1,C=1,D=1";
+    ASSERT_TRUE(insert("A=1"));
+    ASSERT_TRUE(insert("A=2"));
+    ASSERT_TRUE(insert("A=1,B=1"));
+    ASSERT_TRUE(insert("A=1,B=1,C=1"));
+    ASSERT_TRUE(insert(leaf));
+    const std::int32_t id = idOf(leaf);
+    const auto stands = [&](const std::string& dn) {
+        const std::string known = store().get_whole_dn(id); // from memory, as far as there is any
+        EXPECT_EQ(idOf(dn), id);
+        idOf("A=1,B=1"); // another answer in between: none is the last one
+        EXPECT_EQ(idOf(dn), id);
+        EXPECT_EQ(store().get_whole_dn(id), dn);
+        EXPECT_EQ(known, dn);
+    };
+    stands(leaf);
+    DBObject moved = container("B=1");
+    moved.id = idOf("A=1,B=1");
+    moved.parentId = idOf("A=2");
+    ASSERT_TRUE(store().sql_update(&moved, false, "test"));
+    stands("A=2,B=1,C=1,D=1");
+    EXPECT_EQ(idOf(leaf), 0);
+    ASSERT_TRUE(store().updateDn("A=2,B=1,C=1", "C=9"));
+    stands("A=2,B=1,C=9,D=1");
+    ASSERT_TRUE(store().sql_start_transaction());
+    ASSERT_TRUE(store().delete_object("A=2", 1, true, "test"));
+    EXPECT_EQ(store().get_whole_dn(id), "");
+    DBObject other = container("A=2");
+    DBObject below = container("A=2,B=1");
+    ASSERT_TRUE(store().sql_insert(&other, true, "test"));
+    ASSERT_TRUE(store().sql_insert(&below, true, "test"));
+    EXPECT_EQ(idOf("A=2,B=1,C=9"), 0);
+    ASSERT_TRUE(store().sql_rollback_transaction());
+    stands("A=2,B=1,C=9,D=1");
+    ASSERT_EQ(store().runtime()->execute("delete from DBObject where dn = 'B=1'"), SQLITE_OK);
+    EXPECT_EQ(idOf("A=2,B=1,C=9"), 0) << "a delete that did not go through the store's own operations";
+    EXPECT_EQ(store().get_whole_dn(id), "");
+}
+
 TEST_F(Addressing, QuestionThatCannotBeAnsweredIsToldAndChecked)
 {
     ASSERT_TRUE(insert("A=1"));
