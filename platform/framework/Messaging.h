@@ -1,10 +1,12 @@
 #pragma once
 
 #include "platform/framework/ActiveStateMachine.h"
+#include "platform/framework/PeerInfo.h"
 #include "platform/messages/Message.h"
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace TAMO::Framework {
 
@@ -20,6 +22,9 @@ public:
     /// The name under which a connected node introduced itself; for one that is not connected its
     /// name on the platform, or "node N" when it has none.
     static std::string getNodeAsText(std::int32_t node);
+
+    /// The nodes that are connected now, by ascending id. Any thread.
+    static std::vector<PeerInfo> getPeers();
 
     /// Serialises and sends. Never blocks: false at once when the node is not connected, its queue
     /// is full, or the message is larger than a frame. The number is the platform's.

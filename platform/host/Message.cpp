@@ -19,6 +19,7 @@ class FieldCounter : public FieldList {
 public:
     void field(bool&) override { ++m_count; }
     void field(std::int32_t&) override { ++m_count; }
+    void field(std::int64_t&) override { ++m_count; }
     void field(std::string&) override { ++m_count; }
     void field(Bytes&) override { ++m_count; }
     void field(Value&) override { ++m_count; }
@@ -42,6 +43,7 @@ public:
     explicit FieldWriter(Packer& packer) : m_packer(packer) {}
     void field(bool& value) override { m_packer.pack(value); }
     void field(std::int32_t& value) override { m_packer.pack(value); }
+    void field(std::int64_t& value) override { m_packer.pack(value); }
     void field(std::string& text) override { packText(m_packer, text); }
     void field(Bytes& bytes) override { packBytes(m_packer, bytes.data(), bytes.size()); }
     void field(Value& value) override { packValue(m_packer, value); }
@@ -88,6 +90,7 @@ public:
     FieldReader(const msgpack::object* first, std::size_t available) : m_next(first), m_left(available) {}
     void field(bool& value) override { value = toBool(next()); }
     void field(std::int32_t& value) override { value = toInteger<std::int32_t>(next()); }
+    void field(std::int64_t& value) override { value = toInteger<std::int64_t>(next()); }
     void field(std::string& text) override { text = toText(next()); }
     void field(Bytes& bytes) override
     {

@@ -510,6 +510,22 @@ std::string MessageNode::peerName(std::int32_t node) const
     return peer ? peer->name() : std::string();
 }
 
+std::vector<PeerInfo> MessageNode::peers() const
+{
+    std::vector<std::shared_ptr<PeerConnection>> connected;
+    {
+        const std::lock_guard lock(m_state->peersMutex);
+        for (const auto& [id, connection] : m_state->peers)
+            connected.push_back(connection);
+    }
+    // Without the lock: a connection may be busy sending.
+    std::vector<PeerInfo> infos;
+    for (const auto& connection : connected)
+        infos.push_back(connection->info());
+    std::ranges::sort(infos, {}, &PeerInfo::node);
+    return infos;
+}
+
 std::string MessageNode::lastRefusal() const
 {
     const std::lock_guard lock(m_state->peersMutex);

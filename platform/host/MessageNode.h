@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/framework/PeerInfo.h"
 #include "platform/messages/Message.h"
 
 #include <cstdint>
@@ -41,6 +42,8 @@ public:
     bool send(std::int32_t receiver, const Messages::Message& message);
     /// The name a connected node introduced itself with; empty when it is not connected.
     std::string peerName(std::int32_t node) const;
+    /// The nodes that are connected now, by ascending id. Any thread.
+    std::vector<PeerInfo> peers() const;
     /// Why a node of `connectTo` refused our latest greeting, such as "node id 100 is taken"; empty
     /// when none has, and once connected.
     std::string lastRefusal() const;

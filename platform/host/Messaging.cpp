@@ -79,6 +79,12 @@ std::string Messaging::getNodeAsText(std::int32_t node)
     return name.empty() ? "node " + std::to_string(node) : name;
 }
 
+std::vector<PeerInfo> Messaging::getPeers()
+{
+    const std::shared_lock lock(process().mutex);
+    return process().node ? process().node->peers() : std::vector<PeerInfo>();
+}
+
 bool Messaging::sendTamoMessage(std::int32_t receiver, const Messages::Message& message, int number)
 {
     return sendTamoMessage_v2(receiver, message, number);

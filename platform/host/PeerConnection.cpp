@@ -170,6 +170,23 @@ bool PeerConnection::send(std::uint32_t messageId, const Bytes& body)
     return sent.accepted;
 }
 
+PeerInfo PeerConnection::info() const
+{
+    const PeerOutput::Counts out = m_output.counts();
+    const auto lastByte = std::max(out.lastWrite, m_lastRead.load(std::memory_order_relaxed));
+    const auto idle = std::chrono::duration_cast<std::chrono::milliseconds>(PeerOutput::Clock::now() - lastByte);
+    return {.node = m_id,
+            .name = m_name,
+            .pid = m_process.pid,
+            .uid = m_process.uid,
+            .queuedBytes = out.waiting,
+            .unhandled = m_gate->unhandled(),
+            .sent = out.sent - 1, // the greeting was
+            .dropped = out.dropped,
+            .received = m_received.load(std::memory_order_relaxed),
+            .idle = idle};
+}
+
 void PeerConnection::sendGreeting(std::int32_t receiver)
 {
     // The socket is fresh: the few bytes fit.
@@ -201,6 +218,7 @@ void PeerConnection::receive()
 void PeerConnection::received(std::size_t length)
 {
     m_end += length;
+    m_lastRead.store(PeerOutput::Clock::now(), std::memory_order_relaxed);
     takeFrames();
 }
 
@@ -271,7 +289,11 @@ bool PeerConnection::hand(const FrameHeader& header, const std::uint8_t* body)
     const auto message =
         std::make_shared<RawMessage>(RawMessage{header.id, header.sender, header.receiver, header.sequence,
                                                 Bytes(body, body + header.length), std::move(permit)});
-    return m_owner.deliver(message);
+    m_received.fetch_add(1, std::memory_order_relaxed); // before the receiver's thread can ask for it
+    if (m_owner.deliver(message))
+        return true;
+    m_received.fetch_sub(1, std::memory_order_relaxed);
+    return false;
 }
 
 void PeerConnection::greet(const FrameHeader& header, const std::uint8_t* body)

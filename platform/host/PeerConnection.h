@@ -1,10 +1,12 @@
 #pragma once
 
+#include "platform/framework/PeerInfo.h"
 #include "platform/host/Frame.h"
 #include "platform/host/NodeSocket.h"
 #include "platform/host/PeerOutput.h"
 #include "platform/host/ReceiveGate.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -46,7 +48,7 @@ public:
 };
 
 /// One connection to another node, in either direction: greeting, frames in, frames out. Everything
-/// but send() belongs to the I/O thread. An exception (no memory) in what it does there by itself
+/// but send() and info() belongs to the I/O thread. An exception (no memory) in what it does there by itself
 /// ends the connection and leaves the node alone.
 class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
 public:
@@ -63,6 +65,8 @@ public:
 
     /// Any thread; see MessageNode::send.
     bool send(std::uint32_t messageId, const Bytes& body);
+    /// Any thread, once the greetings are exchanged.
+    PeerInfo info() const;
 
     /// -1 until the greetings are exchanged.
     std::int32_t id() const { return m_id; }
@@ -97,6 +101,8 @@ private:
     const PeerProcess m_process;
     const std::string m_dialled;
     PeerOutput m_output;
+    std::atomic<std::uint64_t> m_received{0}; ///< messages handed on
+    std::atomic<PeerOutput::Clock::time_point> m_lastRead{PeerOutput::Clock::now()};
     const std::shared_ptr<ReceiveGate> m_gate;
     std::int32_t m_id = -1;
     std::string m_name;

@@ -33,6 +33,8 @@ bool PeerOutput::write(const void* first, std::size_t firstLength, const void* s
         sent = ::sendmsg(m_fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
     while (sent < 0 && errno == EINTR);
     written = sent < 0 ? 0 : static_cast<std::size_t>(sent);
+    if (written > 0)
+        m_lastWrite = Clock::now();
     m_broken = sent < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != ENOBUFS;
     return !m_broken;
 }
@@ -44,9 +46,11 @@ void PeerOutput::breakOff()
     ::shutdown(m_fd, SHUT_RDWR);
 }
 
-/// Notes a full queue; true for the first frame refused by it.
+/// Notes a full queue and a frame lost; true for the first frame refused by it.
 bool PeerOutput::refuse()
 {
+    ++m_sequence;
+    ++m_dropped;
     if (m_fullSince != Clock::time_point{})
         return false;
     m_fullSince = Clock::now();
@@ -71,7 +75,7 @@ PeerOutput::Sent PeerOutput::send(Wire::FrameHeader header, const Bytes& body)
     if (waitingBefore + Wire::headerSize + body.size() > capacity)
         return {.accepted = false, .attend = refuse()};
     header.length = static_cast<std::uint32_t>(body.size());
-    header.sequence = m_sequence++;
+    header.sequence = static_cast<std::uint32_t>(m_sequence++);
     const auto head = Wire::encodeHeader(header);
     std::size_t written = 0;
     if (waitingBefore == 0) {
@@ -125,6 +129,12 @@ std::size_t PeerOutput::waiting() const
 {
     const std::lock_guard lock(m_mutex);
     return m_queue.size() - m_queueBegin;
+}
+
+PeerOutput::Counts PeerOutput::counts() const
+{
+    const std::lock_guard lock(m_mutex);
+    return {m_queue.size() - m_queueBegin, m_sequence - m_dropped, m_dropped, m_lastWrite};
 }
 
 void PeerOutput::abandon()

@@ -25,7 +25,8 @@ public:
         bool accepted = false;
         bool attend = false; ///< the owner must look: bytes wait that did not before, or the queue is full
     };
-    /// Sends a frame, with its sequence number filled in, or queues what the socket does not take.
+    /// Sends a frame, with its sequence number filled in, or queues what the socket does not take. A
+    /// frame that there is no room for takes its number with it: the peer can see that one is missing.
     Sent send(Wire::FrameHeader header, const Bytes& body);
 
     /// Writes what the socket takes now. True when bytes still wait.
@@ -35,6 +36,14 @@ public:
     Clock::time_point fullSince() const;
 
     std::size_t waiting() const;
+
+    struct Counts {
+        std::size_t waiting = 0;   ///< bytes
+        std::uint64_t sent = 0;    ///< frames taken, the greeting included
+        std::uint64_t dropped = 0; ///< frames refused for want of room
+        Clock::time_point lastWrite{};
+    };
+    Counts counts() const;
 
     /// Sends nothing any more and lets the I/O thread find the connection ended.
     void abandon();
@@ -52,7 +61,9 @@ private:
     mutable std::mutex m_mutex;
     int m_fd;
     bool m_broken = false;
-    std::uint32_t m_sequence = 0;
+    std::uint64_t m_sequence = 0; ///< frames taken and dropped; a header carries the low 32 bits
+    std::uint64_t m_dropped = 0;
+    Clock::time_point m_lastWrite{}; ///< when the socket last took a byte
     Bytes m_queue;
     std::size_t m_queueBegin = 0; ///< bytes of m_queue that are sent already
     Clock::time_point m_fullSince{};

@@ -64,6 +64,12 @@ void ReceiveGate::release(std::size_t bytes)
     });
 }
 
+std::size_t ReceiveGate::unhandled() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_messages;
+}
+
 void ReceiveGate::close()
 {
     m_closed = true;

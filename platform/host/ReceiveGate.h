@@ -34,6 +34,8 @@ public:
 
     /// What the message carries until it is handled; null while this gate or the node's is full.
     std::shared_ptr<MessagePermit> admit(std::size_t bytes);
+    /// Messages that are in and not handled. Any thread.
+    std::size_t unhandled() const;
     /// The connection has ended: senders of what is still here count as gone. After it returns resume
     /// is not called any more.
     void close();
@@ -45,7 +47,7 @@ private:
     const Limits m_limits;
     const std::shared_ptr<ReceiveGate> m_node;
     std::atomic<bool> m_closed{false};
-    std::mutex m_mutex; ///< of what follows
+    mutable std::mutex m_mutex; ///< of what follows
     std::function<void()> m_resume;
     std::size_t m_messages = 0;
     std::size_t m_bytes = 0;

@@ -16,6 +16,7 @@ public:
     virtual ~FieldList() = default;
     virtual void field(bool& value) = 0;
     virtual void field(std::int32_t& value) = 0;
+    virtual void field(std::int64_t& value) = 0;
     virtual void field(std::string& text) = 0;
     virtual void field(Bytes& bytes) = 0;
     virtual void field(Value& value) = 0;

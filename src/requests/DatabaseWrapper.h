@@ -1,5 +1,7 @@
 #pragma once
 
+#include "change/Delivery.h"
+#include "change/Subscriptions.h"
 #include "requests/Clients.h"
 #include "requests/DatabaseWrapper_StateMachine.h"
 #include "requests/ObjectTemplate.h"
@@ -14,7 +16,11 @@
 /// thread, one at a time. DatabaseWrapper_Dispatch.cpp holds the table of messages.
 class DatabaseWrapper : public DatabaseWrapper_StateMachine {
 public:
+    /// Takes the store's changes from now on.
     explicit DatabaseWrapper(const std::string& threadName);
+    ~DatabaseWrapper() override;
+    DatabaseWrapper(const DatabaseWrapper&) = delete;
+    DatabaseWrapper& operator=(const DatabaseWrapper&) = delete;
 
     static std::string getClientName(std::int32_t node);
     /// The key of a client's transaction: node and id in decimal, joined by a comma. SecMain speaks
@@ -48,8 +54,31 @@ public:
     void handlePresence(const RawMessage* raw);
     void handleGetWholeDn(const RawMessage* raw);
 
+    // Client transactions (DatabaseWrapper_Transaction.cpp). A key is one of generateTransId().
+    void handleTransaction(const RawMessage* raw);
+    /// Executes what is queued under the key, all of it or nothing, and ends the transaction. False
+    /// when nothing was written; the transaction is open still only when SQLite refused to begin or
+    /// to commit.
+    bool commitTransaction(const std::string& key);
+    /// Drops what is queued under the key, if anything is; always true.
+    bool rollbackTransaction(const std::string& key);
+
+    // Subscriptions (DatabaseWrapper_Subscribe.cpp)
+    void handleRegister(const RawMessage* raw);
+    void handleUnRegister(const RawMessage* raw);
+    void handleUnRegisterAll(const RawMessage* raw);
+    /// Subscribes from inside the service, for itself (node 0) or for a client; the ticket.
+    std::int32_t registerToNotif(const std::string& key, std::int32_t client);
+    /// True also for a ticket of -1, which nobody holds.
+    bool unRegisterNotif(std::int32_t ticket, std::int32_t client);
+    bool mapErase(std::int32_t ticket, std::int32_t client);
+
     // Maintenance requests (DatabaseWrapper_Maintenance.cpp)
     void handleOrderReady(const RawMessage* raw);
+
+    // Questions about the service itself (DatabaseWrapper_Diagnostics.cpp)
+    void handleListClients(const RawMessage* raw);
+    void handleListSubscriptions(const RawMessage* raw);
 
 protected:
     void enterListening() override;
@@ -57,10 +86,13 @@ protected:
     void processEvent(TAMO::Framework::MessageEvent& event) override;
 
 private:
+    bool runTransactionAction(const std::string& key, std::int32_t action, bool noNotifications);
     bool createObject(const std::string& file, const std::string& dn, std::int32_t MOInstance,
                       const std::string& client, struct OperationRecord& record);
     bool insertTemplateObject(const std::string& dn, std::int32_t MOInstance, const std::string& client);
     bool insertTemplateStructs(const std::string& dn, const std::string& client);
 
+    Subscriptions m_subscriptions;
+    Delivery m_delivery;
     ObjectTemplate m_template; // of the create-object request being handled
 };

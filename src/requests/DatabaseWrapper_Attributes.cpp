@@ -1,7 +1,9 @@
-// Requests that set or delete attributes of stored objects.
+// Requests that set or delete attributes of stored objects. Those about a single attribute may wait
+// for the commit of the client's open transaction; what they compare with is the stored object.
 
 #include "requests/DatabaseWrapper.h"
 
+#include "requests/OpenTransaction.h"
 #include "requests/OperationRecord.h"
 #include "requests/Serve.h"
 
@@ -50,6 +52,14 @@ bool setOne(const std::string& name, const std::string& dn, const Value& value, 
     return setValue(*object, name, value) && store.sql_update(object.get(), false, client.name);
 }
 
+/// Updates the object now, or with the client's open transaction.
+bool queueOrUpdate(std::unique_ptr<DBObject> object, const Client& client, std::int32_t transId)
+{
+    return queueOrWrite(
+        client, transId, operationUpdate, [&] { return std::move(object); },
+        [&] { return SQLite::getInstance().sql_update(object.get(), false, client.name); });
+}
+
 bool isValid(const AttributeContainer& container)
 {
     return !container.dnAttrNameMap.empty() && container.dnAttrNameMap.size() == container.attributes.size() &&
@@ -77,11 +87,11 @@ void DatabaseWrapper::handleSetAttributeValue(const RawMessage* raw)
             OperationRecord record;
             record.operation = "Get object";
             bool result = false;
-            if (const auto object = store.sql_get_object(request.dn, request.MOInstance, client.name)) {
+            if (auto object = store.sql_get_object(request.dn, request.MOInstance, client.name)) {
                 record.operation = "Update";
-                result = setValue(*object, request.attributeName, request.value) &&
-                         store.sql_update(object.get(), false, client.name);
                 record.about(object->dn, object->MOInstance);
+                result = setValue(*object, request.attributeName, request.value) &&
+                         queueOrUpdate(std::move(object), client, request.transId);
             } else {
                 LOG_DEBUG("Database DatabaseWrapper::handleSetAttributeValue Cannot set value to NULL object");
             }
@@ -142,9 +152,10 @@ void DatabaseWrapper::handleDeleteAttribute(const RawMessage* raw)
         Attribute* const attribute = object->getAttribute(request.attributeName);
         attribute->changed = true;
         attribute->deleted = true;
-        const bool result = store.sql_update(object.get(), false, client.name);
+        const OperationRecord record{"DeleteAttribute", object->dn, object->MOInstance, request.transId, {}};
+        const bool result = queueOrUpdate(std::move(object), client, request.transId);
         if (!result)
-            OperationRecord{"DeleteAttribute", object->dn, object->MOInstance, request.transId, {}}.logFailure();
+            record.logFailure();
         return std::optional<Answer>(std::in_place, result, request.transId);
     });
 }

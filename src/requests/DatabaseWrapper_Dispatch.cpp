@@ -2,7 +2,10 @@
 
 #include "requests/DatabaseWrapper.h"
 
+#include "change/SubscriptionKey.h"
+
 #include "platform/framework/Messaging.h"
+#include "platform/messages/Diagnostics.h"
 #include "platform/messages/Notifications.h"
 #include "platform/messages/Requests.h"
 #include "platform/middleware/Log.h"
@@ -32,6 +35,8 @@ void to(DatabaseWrapper& service, const RawMessage* raw)
 }
 
 constexpr Route routes[] = {
+    {TAMO_ListClients::id, to<&DatabaseWrapper::handleListClients>},
+    {TAMO_ListSubscriptions::id, to<&DatabaseWrapper::handleListSubscriptions>},
     {TAMO_FaultNotification::id, [](DatabaseWrapper&, const RawMessage*) {}}, // fault reports ask nothing of us
     {TAMO_DBInsert::id, to<&DatabaseWrapper::handleInsert>},
     {TAMO_DBInsertToCommonDb::id, to<&DatabaseWrapper::handleInsertToCommonDb>},
@@ -40,8 +45,11 @@ constexpr Route routes[] = {
     {TAMO_DBFetchMOClass::id, to<&DatabaseWrapper::handleFetchMOClass>},
     {TAMO_DBFetchMOClassWithParent::id, to<&DatabaseWrapper::handleFetchMOClassWith0Parent>},
     {TAMO_DBOrderReady::id, to<&DatabaseWrapper::handleOrderReady>},
+    {TAMO_DBRegToNotif::id, to<&DatabaseWrapper::handleRegister>},
     {TAMO_DBUpdate::id, to<&DatabaseWrapper::handleUpdate>},
+    {TAMO_DBUnRegToNotif::id, to<&DatabaseWrapper::handleUnRegister>},
     {TAMO_DBDelete::id, to<&DatabaseWrapper::handleDelete>},
+    {TAMO_DBTransaction::id, to<&DatabaseWrapper::handleTransaction>},
     {TAMO_DBCreateObject::id, to<&DatabaseWrapper::handleCreateObject>},
     {TAMO_DBSetAttributeValues::id, to<&DatabaseWrapper::handleSetAttributeValues>},
     {TAMO_DBSetAttributeValue::id, to<&DatabaseWrapper::handleSetAttributeValue>},
@@ -49,6 +57,7 @@ constexpr Route routes[] = {
     {TAMO_getWholeDn::id, to<&DatabaseWrapper::handleGetWholeDn>},
     {TAMO_deleteAttribute::id, to<&DatabaseWrapper::handleDeleteAttribute>},
     {TAMO_DBFetchAttr::id, to<&DatabaseWrapper::handleFetchAttr>},
+    {TAMO_DBUnRegToAllNotifs::id, to<&DatabaseWrapper::handleUnRegisterAll>},
 };
 static_assert(std::ranges::adjacent_find(routes, std::greater_equal{}, &Route::id) == std::end(routes),
               "one row per message id, ascending");
@@ -61,11 +70,21 @@ const Route* routeOf(std::uint32_t id)
 
 } // namespace
 
-DatabaseWrapper::DatabaseWrapper(const std::string& threadName) : DatabaseWrapper_StateMachine(threadName) {}
+DatabaseWrapper::DatabaseWrapper(const std::string& threadName)
+    : DatabaseWrapper_StateMachine(threadName), m_delivery(m_subscriptions, nullptr)
+{
+    SQLite::getInstance().announceTo(&m_delivery);
+}
 
-void DatabaseWrapper::enterListening() { Messaging::registerMessageHandler(*this, messageReceived); }
+DatabaseWrapper::~DatabaseWrapper() { SQLite::getInstance().announceTo(nullptr); }
 
-void DatabaseWrapper::exitListening() {}
+void DatabaseWrapper::enterListening()
+{
+    m_delivery.addBuffer(vex, SubscriptionKey::modelObjectsWithAlternate);
+    Messaging::registerMessageHandler(*this, messageReceived);
+}
+
+void DatabaseWrapper::exitListening() { m_delivery.dropBuffers(); }
 
 void DatabaseWrapper::processEvent(MessageEvent& event)
 {

@@ -1,8 +1,11 @@
-// Requests that read objects, attributes, lists of them, and answers about the tree.
+// Requests that read objects, attributes, lists of them, and answers about the tree. Fetches and
+// instance lists also show what is queued in the reader's open transaction.
 
 #include "requests/DatabaseWrapper.h"
 
+#include "requests/OpenTransaction.h"
 #include "requests/Serve.h"
+#include "requests/TransactionOverlay.h"
 
 #include "platform/utility/DBObject.h"
 
@@ -76,14 +79,17 @@ void DatabaseWrapper::handleFetch(const RawMessage* raw)
     using Answer = TAMO_DBFetchRsp;
     serve<TAMO_DBFetch, Answer>(
         raw, lines, [](const TAMO_DBFetch& request, const Client& client) -> std::optional<Answer> {
-            const auto object = store().sql_get_object(request.dn, request.MOInstance, client.name);
+            auto object = store().sql_get_object(request.dn, request.MOInstance, client.name);
+            const TransactionMngr* const transaction = openTransaction(client, request.transId);
+            if (transaction)
+                TransactionOverlay::overlayObject(*transaction, request.dn, request.MOInstance, object);
             auto answer = refusal<Answer>(request.transId, client.node);
             if (object)
                 answer = itemAnswer<Answer>(
                     request.transId, client, compressed, [&](Bytes& data, std::int32_t& uncompressedSize) {
                         return DBObject::SerializeDataforDB(*object, data, IPCData::dataCapacity, uncompressedSize);
                     });
-            else
+            else if (!transaction)
                 LOG_DEBUG("DatabaseWrapper::handleFetch Object not found in database");
             if (answer.data.result != 0)
                 LOG_DEBUG("DatabaseWrapper::handleFetch NotSuccessful");
@@ -103,16 +109,23 @@ void DatabaseWrapper::handleFetchAttr(const RawMessage* raw)
     static constexpr CompressionLine compressed = [](std::int32_t from, std::int32_t to) {
         LOG_DEBUG("DatabaseWrapper::handleFetchAttr Object compressed from %d to %d bytes ", from, to);
     };
+    static constexpr CompressionLine overlaidCompressed = [](std::int32_t from, std::int32_t to) {
+        LOG_DEBUG("DatabaseWrapper::handleFetchAttr Attribute compressed from %d to %d bytes ", from, to);
+    };
     using Answer = TAMO_DBFetchAttrRsp;
     serve<TAMO_DBFetchAttr, Answer>(
         raw, lines, [](const TAMO_DBFetchAttr& request, const Client& client) -> std::optional<Answer> {
-            const auto attribute = store().sql_get_attribute(request.dn, request.attributeName, client.name, false);
+            auto attribute = store().sql_get_attribute(request.dn, request.attributeName, client.name, false);
+            const TransactionMngr* const transaction = openTransaction(client, request.transId);
+            if (transaction)
+                TransactionOverlay::overlayAttribute(*transaction, request.dn, request.attributeName, attribute);
             auto answer = refusal<Answer>(request.transId, client.node);
             if (attribute)
-                answer = itemAnswer<Answer>(
-                    request.transId, client, compressed, [&](Bytes& data, std::int32_t& uncompressedSize) {
-                        return DBObject::SerializeAttrforDB(*attribute, data, IPCData::dataCapacity, uncompressedSize);
-                    });
+                answer = itemAnswer<Answer>(request.transId, client, transaction ? overlaidCompressed : compressed,
+                                            [&](Bytes& data, std::int32_t& uncompressedSize) {
+                                                return DBObject::SerializeAttrforDB(
+                                                    *attribute, data, IPCData::dataCapacity, uncompressedSize);
+                                            });
             else
                 LOG_DEBUG("DatabaseWrapper::handleFetchAttr Attribute not found from database");
             if (answer.data.result != 0)
@@ -161,6 +174,8 @@ void DatabaseWrapper::handleFetchMOClass(const RawMessage* raw)
     serve<TAMO_DBFetchMOClass, Answer>(
         raw, lines, [&](const TAMO_DBFetchMOClass& request, const Client& client) -> std::optional<Answer> {
             objects = store().get_MO_class(request.moClass);
+            if (const TransactionMngr* const transaction = openTransaction(client, request.transId))
+                TransactionOverlay::overlayClass(*transaction, request.moClass, objects);
             if (objects.size() > maxListedObjects) {
                 notSuccessful();
                 return refusal<Answer>(request.transId, client.node);
@@ -182,6 +197,8 @@ void DatabaseWrapper::handleFetchMOClassWith0Parent(const RawMessage* raw)
     serve<TAMO_DBFetchMOClassWithParent, Answer>(
         raw, lines, [](const TAMO_DBFetchMOClassWithParent& request, const Client& client) -> std::optional<Answer> {
             auto instances = store().get_MO_class_with_parent(request.parentDn, request.moClass);
+            if (const TransactionMngr* const transaction = openTransaction(client, request.transId))
+                TransactionOverlay::overlayInstances(*transaction, request.parentDn, request.moClass, instances);
             std::size_t totalSize = 0;
             for (const std::string& instance : instances)
                 totalSize += instance.size() + 1;

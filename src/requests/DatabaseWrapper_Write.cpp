@@ -1,7 +1,9 @@
-// Requests that insert, update or delete one object.
+// Requests that insert, update or delete one object, at once or when the client's open transaction
+// is committed.
 
 #include "requests/DatabaseWrapper.h"
 
+#include "requests/OpenTransaction.h"
 #include "requests/OperationRecord.h"
 #include "requests/Serve.h"
 
@@ -41,7 +43,7 @@ std::unique_ptr<DBObject> objectOf(const ObjectRequest& request, const ObjectLin
     return object;
 }
 
-/// Serves a request that carries an object which `write` brings into the store.
+/// Serves a request that carries an object which `write`, or a commit, brings into the store.
 template <class Request, class Answer, class Write>
 void serveObject(const RawMessage* raw, const HandlerLines& lines, const ObjectLines& words, EOperation expected,
                  bool recordsTransId, Write write)
@@ -54,9 +56,11 @@ void serveObject(const RawMessage* raw, const HandlerLines& lines, const ObjectL
             words.wrongOperation(request.operation, expected);
         } else {
             words.rightOperation();
-            if (const auto object = objectOf(request, words)) {
-                result = write(*object, client);
+            if (auto object = objectOf(request, words)) {
                 record.about(object->dn, object->MOInstance);
+                result = queueOrWrite(
+                    client, request.transId, expected, [&] { return std::move(object); },
+                    [&] { return write(*object, client); });
             }
         }
         if (!result) {
@@ -156,7 +160,12 @@ void DatabaseWrapper::handleDelete(const RawMessage* raw)
                       operationDelete);
         } else {
             LOG_DEBUG("DatabaseWrapper::handleDelete is right operation");
-            result = SQLite::getInstance().delete_object(request.dn, request.MOInstance, false, client.name);
+            result = queueOrWrite(
+                client, request.transId, operationDelete,
+                [&] { return std::make_unique<DBObject>(request.dn, request.MOInstance, false, false, 0, 1); },
+                [&] {
+                    return SQLite::getInstance().delete_object(request.dn, request.MOInstance, false, client.name);
+                });
         }
         if (!result)
             OperationRecord{"Delete", request.dn, request.MOInstance, request.transId, {}}.logFailure();

@@ -37,6 +37,10 @@ Answer refusal(std::int32_t transId, std::int32_t receiver)
         return Answer({}, 0, transId, -1);
     } else if constexpr (std::is_same_v<Answer, TAMO_getWholeDnRsp>) {
         return Answer({}, 0, transId);
+    } else if constexpr (std::is_same_v<Answer, TAMO_DBRegToNotifRsp>) {
+        return Answer(-1, transId);
+    } else if constexpr (std::is_same_v<Answer, TAMO_DBUnRegToNotifRsp>) {
+        return Answer(false, transId, -1);
     } else {
         return Answer(false, transId);
     }

@@ -332,6 +332,7 @@ private:
 
     bool readObjectRow(DBObject& object, std::int32_t objectId, const std::string& client);
     bool readAttributes(DBObject& object);
+    bool readinessUnknown(const char* operation, int result);
     std::string classOf(const std::string& pair) const;
     std::int32_t firstMatch(const std::vector<std::string>& pairs, int& result);
 
@@ -394,4 +395,6 @@ private:
     std::int32_t m_lastWholeDnId = 0; // of the last walk to the root, with its result
     std::string m_lastWholeDn;
     PathCache m_parents;
+    static constexpr const char* oamPair = "OAM";
+    std::optional<std::vector<std::int32_t>> m_oamIds; // of the objects with that pair; none when not looked up
 };

@@ -106,6 +106,7 @@ void SQLite::forgetLookups()
 {
     m_lastDn.clear();
     m_lastId = 0;
+    m_oamIds.reset();
     forgetWholeDn();
 }
 

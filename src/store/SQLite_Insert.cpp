@@ -121,6 +121,8 @@ int SQLite::InsertOperation::insertRow()
     if (result == SQLITE_DONE) {
         m_objectId = static_cast<std::int32_t>(sqlite3_last_insert_rowid(m_store.m_runtime->handle()));
         m_store.forgetWholeDn(); // the row id may have belonged to another object
+        if (m_dn == oamPair)
+            m_store.m_oamIds.reset();
     } else if (result != SQLITE_CONSTRAINT) {
         LOG_ERROR("Error inserting %s by %s. SQLite error code %d", m_dn.c_str(), m_client.c_str(), result);
         m_store.doIntegrityCheck();

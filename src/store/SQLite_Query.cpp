@@ -172,19 +172,40 @@ bool SQLite::sql_isPresent(const std::string& dn, std::int32_t MOInstance)
     return !unavailable(__func__) && get_object_id(dn, MOInstance) != 0;
 }
 
+bool SQLite::readinessUnknown(const char* operation, int result)
+{
+    LOG_ERROR("%s - Prepare error (%d): %s", operation, result, m_runtime->message());
+    m_oamIds.reset();
+    doIntegrityCheck();
+    return false;
+}
+
 bool SQLite::isReadyForOssSync(const std::string& client)
 {
     LOG_DEBUG("SQLite::%s - Enter - p_client: %s", __func__, client.c_str());
     if (!m_runtime)
         return false;
-    Statement row(m_runtime, "select Attr.value from DBObject as Obj cross join Attribute as Attr where Obj.dn = 'OAM' "
-                             "and Attr.belongsTo = Obj.id and Attr.name = 'readyForOssSync'");
-    if (!row.prepared()) {
-        LOG_ERROR("%s - Prepare error (%d): %s", __PRETTY_FUNCTION__, row.result(), m_runtime->message());
-        doIntegrityCheck();
-        return false;
+    // Delivery asks before each change it would keep for later. No index finds an object by its pair
+    // alone, so the search is made once, until such an object may have come.
+    if (!m_oamIds) {
+        Statement rows(m_runtime, "select id from DBObject where dn = %Q", oamPair);
+        m_oamIds.emplace();
+        while (rows.next())
+            m_oamIds->push_back(rows.integer(0));
+        if (!rows.done())
+            return readinessUnknown(__PRETTY_FUNCTION__, rows.result());
     }
-    const bool isReady = row.next() && row.integer(0) != 0;
+    bool isReady = false;
+    for (const std::int32_t id : *m_oamIds) {
+        Statement row(m_runtime, "select value from Attribute where belongsTo = %d and name = %Q", id,
+                      "readyForOssSync");
+        if (row.next()) {
+            isReady = row.integer(0) != 0;
+            break;
+        }
+        if (!row.done())
+            return readinessUnknown(__PRETTY_FUNCTION__, row.result());
+    }
     LOG_DEBUG("SQLite::%s - Exit - Return: %x %s", __func__, isReady ? 1U : 0U, client.c_str());
     return isReady;
 }

@@ -31,11 +31,17 @@ protected:
     template <class Answer, class Request>
     Answer ask(Request request, Service& from)
     {
-        request.transId = ++m_lastId;
+        return askUnder<Answer>(++m_lastId, std::move(request), from);
+    }
+    /// The same for a request with an id that matters: that of an open transaction.
+    template <class Answer, class Request>
+    Answer askUnder(std::int32_t transId, Request request, Service& from)
+    {
+        request.transId = transId;
         handle(Request::id, request.serialize(), from.id());
         auto answer = from.next<Answer>();
         EXPECT_TRUE(answer) << "no answer";
-        EXPECT_TRUE(answer && answer->transId == m_lastId);
+        EXPECT_TRUE(answer && answer->transId == transId);
         return answer ? std::move(*answer) : Answer();
     }
     template <class Answer, class Request>

@@ -7,8 +7,10 @@
 #include <sqlite3.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <new>
 #include <string_view>
 #include <unistd.h>
 
@@ -45,6 +47,36 @@ BrokenStep::~BrokenStep()
     sqlite3_trace_v2(m_handle, 0, nullptr, nullptr);
     sqlite3_progress_handler(m_handle, 0, nullptr, nullptr);
 }
+
+namespace {
+
+thread_local int piecesLeft = -1; // -1: memory is not scarce
+
+void* allocate(std::size_t size)
+{
+    if (piecesLeft >= 0 && piecesLeft-- == 0)
+        throw std::bad_alloc();
+    if (void* const memory = std::malloc(size ? size : 1))
+        return memory;
+    throw std::bad_alloc();
+}
+
+} // namespace
+
+void* operator new(std::size_t size) { return allocate(size); }
+void* operator new[](std::size_t size) { return allocate(size); }
+// The standard library takes its scratch memory this way, and gives it back by the one below.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return std::malloc(size ? size : 1); }
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
+
+RefusedMemory::RefusedMemory(int passes) { piecesLeft = passes; }
+
+RefusedMemory::~RefusedMemory() { piecesLeft = -1; }
+
+bool RefusedMemory::happened() { return piecesLeft == -1; }
 
 namespace {
 

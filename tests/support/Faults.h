@@ -47,6 +47,17 @@ public:
     FullDrive& operator=(const FullDrive&) = delete;
 };
 
+/// Refuses the calling thread one piece of memory: the one after `passes` others.
+class RefusedMemory {
+public:
+    explicit RefusedMemory(int passes);
+    ~RefusedMemory();
+    RefusedMemory(const RefusedMemory&) = delete;
+    RefusedMemory& operator=(const RefusedMemory&) = delete;
+    /// Whether it came to that.
+    static bool happened();
+};
+
 /// Overwrites everything behind the first page with bytes that are no page: the file still opens.
 void corruptFile(const std::string& path);
 

@@ -104,6 +104,17 @@ std::shared_ptr<RawMessage> Service::next()
     return message;
 }
 
+std::vector<std::shared_ptr<RawMessage>> Service::arrived()
+{
+    std::vector<std::shared_ptr<RawMessage>> messages;
+    const TAMO_FaultNotification marker(markerCode, 0);
+    if (!Messaging::sendTamoMessage(m_id, marker, -1))
+        return messages;
+    for (auto message = next(); message && message->id != TAMO_FaultNotification::id; message = next())
+        messages.push_back(std::move(message));
+    return messages;
+}
+
 bool Service::gotNothing()
 {
     const TAMO_FaultNotification marker(markerCode, 0);

@@ -79,6 +79,8 @@ public:
             return std::nullopt;
         return message;
     }
+    /// Everything that was sent so far and is not taken yet.
+    std::vector<std::shared_ptr<RawMessage>> arrived();
     /// Sends one more message to itself by way of the database node, and tells whether it is the only
     /// one: what was sent before has arrived by then.
     bool gotNothing();

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "platform/framework/Lockables.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// Who wants to be told of what. A key keeps its ticket for the life of the process, whether anybody
+/// holds it or not; a client that subscribes twice stands under the ticket twice. Both registries
+/// have a lock of their own, which is held for no longer than a look-up.
+class Subscriptions {
+public:
+    static constexpr std::int32_t noTicket = -1;
+
+    /// New keys get tickets from `firstTicket` on; the counter starts over at 1.
+    explicit Subscriptions(std::int32_t firstTicket = 1) : m_nextTicket(firstTicket) {}
+
+    /// Puts the client under the key's ticket, which is made when the key is new.
+    std::int32_t add(const std::string& key, std::int32_t client);
+    /// Removes the first entry of the client under the ticket; false when there is none.
+    bool mapErase(std::int32_t ticket, std::int32_t client);
+    void removeClient(std::int32_t client);
+    void clear();
+
+    /// noTicket for a key that nobody ever subscribed to.
+    std::int32_t ticketOf(std::string_view key) const;
+    /// The key of a ticket; empty when there is none.
+    std::string keyOf(std::int32_t ticket) const;
+    /// The clients under a ticket, in the order of their subscriptions.
+    std::vector<std::int32_t> clientsOf(std::int32_t ticket) const;
+    /// Whether a key begins with this text and a comma.
+    bool hasKeyFor(std::string_view dn) const;
+
+    struct Entry {
+        std::string key;
+        std::int32_t ticket = noTicket;
+        std::vector<std::int32_t> clients;
+    };
+    /// All keys in their order.
+    std::vector<Entry> list() const;
+
+private:
+    std::int32_t drawTicket();
+
+    mutable TAMO::Framework::Semaphore m_keyLock{1};
+    mutable TAMO::Framework::Semaphore m_clientLock{1};
+    std::map<std::string, std::int32_t, std::less<>> m_tickets; ///< by key
+    std::map<std::int32_t, std::string> m_keys;                 ///< by ticket
+    std::int32_t m_nextTicket;
+    std::multimap<std::int32_t, std::int32_t> m_clients; ///< by ticket
+};
