@@ -44,8 +44,11 @@ std::optional<std::int32_t> folded(std::int32_t first, std::int32_t last)
 /// Folds the items of one attribute, or those of the object itself, into one; none when nothing is left.
 std::optional<NotificationItem> foldRun(std::span<NotificationItem*> run)
 {
-    const std::int32_t first = run.front()->operation;
-    const auto operation = folded(first, run.back()->operation);
+    // What a member's change implies of its owner does not say that the owner was made just now.
+    const std::int32_t last = run.back()->operation;
+    const bool older = run.front()->implied && last == changeDelete;
+    const std::int32_t first = older ? changeUpdate : run.front()->operation;
+    const auto operation = folded(first, last);
     if (!operation)
         return std::nullopt;
     const bool bothDeleted = first == changeDelete && *operation == changeDelete;
@@ -79,11 +82,12 @@ std::vector<NotificationItem> foldSegment(Items segment)
     return result;
 }
 
-/// Where the second life of an object begins: with the first item of itself after its deletion.
+/// Where the second life of an object begins: with the first item of itself after its deletion. An
+/// attribute's deletion may stand first, when the object's own item was moved behind it.
 std::size_t secondLife(const Items& items)
 {
-    std::int32_t lastOperation = items.front()->operation;
-    for (std::size_t i = 1; i < items.size(); ++i) {
+    std::int32_t lastOperation = 0;
+    for (std::size_t i = 0; i < items.size(); ++i) {
         if (!items[i]->ofObject())
             continue;
         if (lastOperation == changeDelete)
@@ -199,10 +203,10 @@ void NotificationList::EraseDuplicate(const NotificationItem& sought)
     items.erase(same);
 }
 
-std::int32_t NotificationList::latestOperation(const NotificationItem& object) const
+const NotificationItem* NotificationList::latestOfObject(const NotificationItem& object) const
 {
     const auto found = m_objectItems.find(objectKey(object));
-    return found == m_objectItems.end() || found->second.empty() ? 0 : found->second.back()->operation;
+    return found == m_objectItems.end() || found->second.empty() ? nullptr : &*found->second.back();
 }
 
 bool NotificationList::contains(const NotificationItem& item)

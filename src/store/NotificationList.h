@@ -30,6 +30,7 @@ struct NotificationItem {
     std::int32_t valueType = 0;
     std::int32_t storageKind = storageLive;
     bool hidden = false;
+    bool implied = false; ///< of an owner, for a change of its struct's member: it may be older than the item
 
     /// The DN that the object really has.
     const std::string& realDn() const { return wholeDn.empty() ? dn : wholeDn; }
@@ -55,8 +56,8 @@ public:
     /// operation count.
     void EraseDuplicate(const NotificationItem& sought);
 
-    /// The operation of the latest item of the object itself; 0 when there is none.
-    std::int32_t latestOperation(const NotificationItem& object) const;
+    /// The latest item of the object itself; null when there is none.
+    const NotificationItem* latestOfObject(const NotificationItem& object) const;
 
     /// Whether an item equals this attribute item in everything.
     bool contains(const NotificationItem& item);

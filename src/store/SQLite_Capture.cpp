@@ -195,8 +195,10 @@ void SQLite::collectStructOwner(const NotificationItem& member, std::int32_t own
         if (!activeList().contains(item))
             activeList().append(std::move(item));
     }
-    if (const std::int32_t latest = m_changes.latestOperation(ownerItem))
-        ownerItem.operation = latest;
+    const NotificationItem* const latest = m_changes.latestOfObject(ownerItem);
+    ownerItem.implied = !latest || latest->implied;
+    if (latest)
+        ownerItem.operation = latest->operation;
     sql_eraseDuplicateFomDnInstList(ownerItem);
     activeList().append(std::move(ownerItem));
 }

@@ -87,7 +87,7 @@ private:
 
     std::string m_dn; // as it is stored
     std::int32_t m_objectId = 0;
-    std::int32_t m_storedParent = 0;
+    std::optional<std::int32_t> m_storedParent;
     bool m_referenceWritten = false;
     std::vector<std::string> m_oldReferences;
 };
@@ -111,8 +111,12 @@ std::int32_t SQLite::UpdateOperation::findId()
         return m_object.id;
     if (m_object.parentId == 0 && !m_object.parentDn.empty())
         m_store.resolveParent(m_object);
-    const std::int32_t id = m_store.childWithInstance(m_dn, m_object.parentId, m_object.MOInstance);
-    return id != 0 ? id : m_store.get_object_id_with_parent(m_dn, m_object.parentId);
+    std::int32_t id = m_store.childWithInstance(m_dn, m_object.parentId, m_object.MOInstance);
+    if (id == 0)
+        id = m_store.get_object_id_with_parent(m_dn, m_object.parentId);
+    if (id != 0)
+        m_storedParent = m_object.parentId;
+    return id;
 }
 
 bool SQLite::UpdateOperation::notStored() const
@@ -123,6 +127,8 @@ bool SQLite::UpdateOperation::notStored() const
 
 bool SQLite::UpdateOperation::readRow()
 {
+    if (m_storedParent) // the object was found below it
+        return true;
     int result = SQLITE_OK;
     const auto row = m_store.objectRow(m_objectId, result);
     if (!row && result == SQLITE_DONE)
@@ -133,7 +139,7 @@ bool SQLite::UpdateOperation::readRow()
         return false;
     }
     m_storedParent = row->parent;
-    if (m_object.parentId != 0 && m_object.parentId != m_storedParent &&
+    if (m_object.parentId != 0 && m_object.parentId != *m_storedParent &&
         m_store.reachesItself(m_objectId, m_object.parentId)) {
         LOG_ERROR("SQLite::sql_update: %s cannot become a child of itself (parent id %d). Client: %s",
                   m_object.dn.c_str(), m_object.parentId, m_client.c_str());
@@ -147,7 +153,7 @@ bool SQLite::UpdateOperation::updateRow()
     const int isMOMObject = m_object.isMOMObject ? 1 : 0;
     const int system = m_object.system ? 1 : 0;
     int result = SQLITE_OK;
-    if (m_object.parentId == 0 || m_object.parentId == m_storedParent) {
+    if (m_object.parentId == 0 || m_object.parentId == *m_storedParent) {
         // Naming an unchanged parent would rebuild the row's index entry for nothing.
         Statement update(m_store.m_runtime, "update DBObject set isMOMObject=%d,system=%d where id=%d", isMOMObject,
                          system, m_objectId);

@@ -152,6 +152,31 @@ TEST_F(Capture, StructMembersOfAnObjectThatCameAndWentGoWithIt)
     EXPECT_EQ(recorder.take(), "18 B=1; ");
 }
 
+TEST_F(Capture, DeletionIsToldOfAnOwnerThatWasThereBeforeItsMember)
+{
+    ASSERT_TRUE(insert("A=1", {text("a", "x")}));
+    recorder.take();
+    EXPECT_TRUE(together([&] {
+        EXPECT_TRUE(insertJoined("A=1,A:s", {}, false));
+        EXPECT_TRUE(removeJoined("A=1"));
+    }));
+    EXPECT_EQ(recorder.take().find("9 A=1; 9 A=1 a=x; "), 0U);
+}
+
+TEST_F(Capture, AttributeDeletedBetweenTwoUpdatesIsToldBehindItsObject)
+{
+    ASSERT_TRUE(insert("B=1", {text("a", "x")}));
+    recorder.take();
+    recorder.takeObjects();
+    EXPECT_TRUE(together([&] {
+        EXPECT_TRUE(insertJoined("A=1", {text("x", "y")}));
+        EXPECT_TRUE(updateJoined("B=1", {removal("a")}));
+        EXPECT_TRUE(updateJoined("B=1", {text("b", "1")}));
+    }));
+    EXPECT_EQ(recorder.take(), "18 A=1; 18 A=1 x=y; 23 B=1; 9 B=1 a=x; 18 B=1 b=1; ");
+    EXPECT_EQ(recorder.takeObjects(), "{18 A=1: x=y(18)} {23 B=1: a=x(9) b=1(18)} ");
+}
+
 TEST_F(Capture, WhatIsRolledBackIsNotTold)
 {
     ASSERT_TRUE(insert("A=1", {text("a", "x")}));

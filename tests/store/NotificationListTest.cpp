@@ -75,7 +75,9 @@ TEST(NotificationList, AnswersLikeAWalkOverItsItems)
                 walk.eraseDuplicate(item);
                 const auto* latest =
                     walk.latest([&](const auto& other) { return other.ofObject() && Walk::sameObject(other, item); });
-                ASSERT_EQ(list.latestOperation(item), latest ? latest->operation : 0);
+                const NotificationItem* const answered = list.latestOfObject(item);
+                ASSERT_EQ(answered != nullptr, latest != nullptr);
+                ASSERT_TRUE(!latest || *answered == *latest);
             } else {
                 const bool contains = std::ranges::count(walk.items, item) != 0;
                 ASSERT_EQ(list.contains(item), contains);

@@ -1,0 +1,738 @@
+// The model that random requests are compared with. Nothing here is fast or clever: objects are found
+// by text, a transaction is tried on a copy of the tree, and what is told is folded from a plain list.
+
+#include "tests/requests/Model.h"
+
+#include "values/DistinguishedName.h"
+#include "values/ValueType.h"
+
+#include <algorithm>
+#include <set>
+#include <span>
+
+using namespace TAMO::Messages;
+
+namespace {
+
+constexpr std::int32_t inserted = 18;
+constexpr std::int32_t updated = 23;
+constexpr std::int32_t deleted = 9;
+constexpr const char* reservedBy = "reservedBy";
+
+bool isStructure(const DBObject& object) { return object.dn.find(':') != std::string::npos && !object.isMOMObject; }
+
+bool isReference(const Attribute& attribute)
+{
+    return isReferenceType(storedType(attribute.type, attribute.value)) && attribute.name != reservedBy;
+}
+
+bool isBelow(const std::string& dn, const std::string& ancestor) { return dn.starts_with(ancestor + ","); }
+
+std::string textOf(const Attribute& attribute) { return std::get<std::string>(attribute.value); }
+
+std::vector<std::string> elements(const std::string& list)
+{
+    std::vector<std::string> found;
+    for (std::size_t at = 0; !list.empty() && at <= list.size();) {
+        const std::size_t end = std::min(list.find(';', at), list.size());
+        found.push_back(list.substr(at, end - at));
+        at = end + 1;
+    }
+    return found;
+}
+
+bool holds(const std::vector<std::string>& list, const std::string& element)
+{
+    return std::ranges::find(list, element) != list.end();
+}
+
+std::vector<std::string> once(const std::vector<std::string>& list)
+{
+    std::vector<std::string> found;
+    for (const std::string& each : list)
+        if (!holds(found, each))
+            found.push_back(each);
+    return found;
+}
+
+std::string classOf(const std::string& dn)
+{
+    const std::string pair = dn.substr(dn.rfind(',') + 1);
+    return pair.substr(0, pair.rfind('='));
+}
+
+void overwrite(DBObject& object, const Attribute& attribute)
+{
+    object.attributes.insert_or_assign(attribute.name, attribute);
+}
+
+DBObject bareCopy(const DBObject& of)
+{
+    return {of.dn, of.MOInstance, of.isMOMObject, of.system, 0, 1, of.parentDn, of.parentMOInstance};
+}
+
+/// The items of one object that are told of, by attribute with the object first: each once, with what
+/// the first and the last of its changes come to.
+std::vector<ModelChange> folded(std::span<const ModelChange> changes)
+{
+    std::map<std::string, std::vector<ModelChange>> byAttribute;
+    for (const ModelChange& change : changes)
+        byAttribute[change.attribute.name].push_back(change);
+    std::vector<ModelChange> told;
+    for (const auto& [name, run] : byAttribute) {
+        const std::int32_t from = run.front().operation;
+        ModelChange result = run.back();
+        if (from == inserted && result.operation == deleted && !run.front().implied) {
+            if (result.ofObject())
+                return told;
+            continue;
+        }
+        if (from == deleted && result.operation == deleted)
+            result = run.front();
+        else if (from == inserted && result.operation != deleted)
+            result.operation = inserted;
+        else if (result.operation != deleted)
+            result.operation = updated;
+        told.push_back(result);
+    }
+    return told;
+}
+
+/// What is told of one object: up to its deletion, and from its creation after that. Adds those that
+/// came and went to `vanished`, and says nothing of the members of one that did.
+std::vector<ModelChange> toldOf(std::span<const ModelChange> changes, std::set<std::string>& vanished)
+{
+    const ModelChange& any = changes.front();
+    if (any.dn.find(':') != std::string::npos && !any.mom && vanished.contains(splitOwnPair(any.wholeDn).parent))
+        return {};
+    std::int32_t last = 0;
+    std::size_t second = 0;
+    for (; second < changes.size() && !(changes[second].ofObject() && last == deleted); ++second)
+        if (changes[second].ofObject())
+            last = changes[second].operation;
+    std::vector<ModelChange> told = folded(changes.first(second));
+    const std::vector<ModelChange> rest = folded(changes.subspan(second));
+    if (second < changes.size() ? rest.empty() : told.empty())
+        vanished.insert(any.wholeDn);
+    if (!rest.empty() && rest.front().operation != deleted)
+        told.insert(told.end(), rest.begin(), rest.end());
+    return told;
+}
+
+} // namespace
+
+std::string describe(const Attribute& attribute)
+{
+    return attribute.name + "=" + valueText(attribute.value) + ":" + std::to_string(attribute.type) +
+           (attribute.hidden ? "h" : "") + (attribute.persistent ? "p" : "") + (attribute.changed ? "c" : "") +
+           (attribute.deleted ? "d" : "");
+}
+
+std::string describe(const DBObject& object)
+{
+    std::string text = object.fullDn() + "|" + object.dn + "|" + std::to_string(object.MOInstance) + "|" +
+                       std::to_string(object.parentMOInstance) + (object.isMOMObject ? "m" : "") +
+                       (object.system ? "s" : "") + "{";
+    for (const auto& [name, attribute] : object.attributes)
+        text += describe(attribute) + " ";
+    return text + "}";
+}
+
+std::string ModelTree::locate(const std::string& dn, std::int32_t instance) const
+{
+    const auto found = objects.find(dn);
+    if (found != objects.end() && (dn.find(',') != std::string::npos || found->second.MOInstance == instance))
+        return dn;
+    if (dn.find(',') == std::string::npos)
+        for (const auto& [key, object] : objects)
+            if (object.dn == dn && object.MOInstance == instance)
+                return key;
+    return "";
+}
+
+std::size_t ModelTree::named(const std::string& pair) const
+{
+    return static_cast<std::size_t>(
+        std::ranges::count_if(objects, [&](const auto& entry) { return entry.second.dn == pair; }));
+}
+
+/// Where the object stands or would stand: at the top when its parent is not there. Nothing stands
+/// where a whole DN is given for an own pair.
+std::string ModelTree::place(const DBObject& object) const
+{
+    if (object.dn.find(',') != std::string::npos)
+        return "";
+    const std::int32_t instance = object.parentMOInstance == 0 ? 1 : object.parentMOInstance;
+    return joinDn(object.parentDn.empty() ? "" : locate(object.parentDn, instance), object.dn);
+}
+
+bool ModelTree::insert(const DBObject& object)
+{
+    if (object.MOInstance == 0)
+        return false;
+    const std::string key = place(object);
+    if (objects.contains(key))
+        return update(object);
+    DBObject made = bareCopy(object);
+    made.parentDn = splitOwnPair(key).parent;
+    made.parentMOInstance = made.parentDn.empty() ? 0 : objects.at(made.parentDn).MOInstance;
+    objects.emplace(key, made);
+    noteObject(key, inserted);
+    for (const auto& [name, attribute] : object.attributes)
+        write(key, attribute, inserted);
+    for (const auto& [name, attribute] : object.attributes)
+        if (isReference(attribute))
+            refer(textOf(attribute), key);
+    return true;
+}
+
+bool ModelTree::update(const DBObject& object)
+{
+    const std::string key = place(object);
+    const auto found = objects.find(key);
+    if (found == objects.end())
+        return false;
+    DBObject& stored = found->second;
+    stored.isMOMObject = object.isMOMObject;
+    stored.system = object.system;
+    noteObject(key, updated);
+    std::vector<std::string> oldTargets;
+    bool refers = false;
+    for (const auto& [name, attribute] : object.attributes) {
+        const auto held = stored.attributes.find(name);
+        const bool isHeld = held != stored.attributes.end();
+        if (!attribute.changed)
+            continue;
+        if (attribute.deleted) {
+            if (isHeld) {
+                note(key, deleted, &held->second);
+                stored.attributes.erase(held);
+            }
+            continue;
+        }
+        if (isHeld && isReference(held->second))
+            oldTargets.push_back(textOf(held->second));
+        // A value counts as unchanged only under its own kind's code: the other codes are always written.
+        if (isHeld && held->second.type == typeOfAlternative(attribute.value.index()) &&
+            held->second.value == attribute.value && held->second.hidden == attribute.hidden &&
+            held->second.persistent == attribute.persistent)
+            continue;
+        write(key, attribute, isHeld ? updated : inserted);
+        refers = refers || isReference(attribute);
+    }
+    if (!refers)
+        return true;
+    for (const std::string& targets : oldTargets)
+        withdraw(targets, key, [] {});
+    for (const auto& [name, attribute] : object.attributes)
+        if (isReference(attribute))
+            refer(textOf(attribute), key);
+    return true;
+}
+
+bool ModelTree::remove(const std::string& dn, std::int32_t instance)
+{
+    const std::string top = locate(dn, instance);
+    if (top.empty())
+        return false;
+    std::vector<std::string> family;
+    for (const auto& [key, object] : objects)
+        if (isBelow(key, top) && !isStructure(object))
+            family.push_back(key);
+    const std::vector<std::string> descendants = family;
+    family.push_back(top);
+    for (const std::string& key : family)
+        if (referredTo(key, descendants))
+            return false;
+    for (const std::string& key : family)
+        for (const auto& [name, attribute] : DBObject::Attributes(objects.at(key).attributes))
+            if (isReferenceType(attribute.type))
+                withdraw(textOf(attribute), key, afterWithdrawal);
+    for (const std::string& key : family) {
+        note(key, deleted);
+        for (const auto& [name, attribute] : objects.at(key).attributes)
+            note(key, deleted, &attribute);
+    }
+    std::erase_if(objects, [&](const auto& entry) { return entry.first == top || isBelow(entry.first, top); });
+    return true;
+}
+
+bool ModelTree::referredTo(const std::string& target, const std::vector<std::string>& descendants) const
+{
+    for (const auto& [key, object] : objects)
+        for (const auto& [name, attribute] : object.attributes)
+            if (isReference(attribute) && !holds(descendants, key) && holds(elements(textOf(attribute)), target))
+                return true;
+    return false;
+}
+
+void ModelTree::write(const std::string& key, const Attribute& attribute, std::int32_t operation)
+{
+    const Attribute stored(attribute.hidden, attribute.name, attribute.value, 0, attribute.persistent,
+                           storedType(attribute.type, attribute.value), false, false);
+    overwrite(objects.at(key), stored);
+    note(key, operation, &stored);
+}
+
+void ModelTree::note(const std::string& key, std::int32_t operation, const Attribute* attribute)
+{
+    const DBObject& object = objects.at(key);
+    static const Attribute none(false, "", Value(), 0, false, 0, false, false);
+    changes.push_back(
+        {key, object.dn, object.MOInstance, object.isMOMObject, operation, attribute ? *attribute : none});
+}
+
+/// An object whose row changes twice is told of at the place of the second time.
+void ModelTree::noteOnce(const std::string& key, std::int32_t operation)
+{
+    const auto earlier = std::ranges::find_if(changes, [&](const ModelChange& change) {
+        return change.ofObject() && change.wholeDn == key && change.operation == operation;
+    });
+    if (earlier != changes.end())
+        changes.erase(earlier);
+    note(key, operation);
+}
+
+/// An object's row changed. A structure's change is told as one of its owner's attribute, too.
+void ModelTree::noteObject(const std::string& key, std::int32_t operation)
+{
+    const DBObject& object = objects.at(key);
+    if (isStructure(object) && !object.parentDn.empty()) {
+        const DBObject& owner = objects.at(object.parentDn);
+        const std::string member = object.dn.substr(object.dn.find(':') + 1);
+        const bool numbered = member.find('=') != std::string::npos;
+        std::int32_t ownerOperation = operation;
+        bool implied = true; // that the owner changed, not that it was made
+        for (const ModelChange& change : changes)
+            if (change.ofObject() && change.wholeDn == object.parentDn) {
+                ownerOperation = change.operation;
+                implied = change.implied;
+            }
+        if (const Attribute* const held = owner.getAttribute(numbered ? classOf(member) : member)) {
+            const auto* const text = std::get_if<std::string>(&held->value);
+            note(object.parentDn, numbered && text && !text->empty() ? updated : operation, held);
+        }
+        noteOnce(object.parentDn, ownerOperation);
+        changes.back().implied = implied;
+    }
+    noteOnce(key, operation);
+}
+
+void ModelTree::refer(const std::string& targets, const std::string& referrer)
+{
+    for (const std::string& target : once(elements(targets))) {
+        const std::string key = locate(target, 1);
+        if (key.empty() || !objects.at(key).getAttribute(reservedBy))
+            continue;
+        DBObject changed = objects.at(key);
+        Attribute& list = *changed.getAttribute(reservedBy);
+        const std::string old = textOf(list);
+        if (holds(elements(old), referrer))
+            continue;
+        list.SetValue(old.empty() ? referrer : old + ";" + referrer, IPCData::SECOND_REFERENCE);
+        update(changed);
+    }
+}
+
+void ModelTree::withdraw(const std::string& targets, const std::string& referrer, const std::function<void()>& done)
+{
+    for (const std::string& target : once(elements(targets))) {
+        const std::string key = locate(target, 1);
+        if (key.empty() || !objects.at(key).getAttribute(reservedBy))
+            continue;
+        DBObject changed = objects.at(key);
+        Attribute& list = *changed.getAttribute(reservedBy);
+        std::string rest;
+        for (const std::string& element : elements(textOf(list)))
+            if (element != referrer)
+                rest += (rest.empty() ? "" : ";") + element;
+        list.SetValue(Value(rest));
+        update(changed);
+        done();
+    }
+}
+
+void Model::answer(Asker by, const std::string& text)
+{
+    expected[by.node].push_back("#" + std::to_string(by.transId) + " " + text);
+}
+
+const Model::Operations& Model::waiting(Asker by) const
+{
+    static const Operations none;
+    const auto found = m_open.find({by.node, by.transId});
+    return found == m_open.end() ? none : found->second;
+}
+
+bool Model::run(ModelTree& on, const Operation& operation)
+{
+    if (operation.code == operationInsert)
+        return on.insert(operation.object);
+    if (operation.code == operationUpdate)
+        return on.update(operation.object);
+    return on.remove(operation.object.dn, operation.object.MOInstance);
+}
+
+void Model::queueOrRun(Asker by, Operation operation)
+{
+    if (const auto open = m_open.find({by.node, by.transId}); open != m_open.end()) {
+        open->second.push_back(std::move(operation));
+        return answer(by, "yes");
+    }
+    const auto tellChanges = [this] { tellOf(std::exchange(tree.changes, {})); };
+    tree.afterWithdrawal = tellChanges;
+    const bool done = run(tree, operation);
+    tree.afterWithdrawal = [] {};
+    tellChanges();
+    answer(by, done ? "yes" : "no");
+}
+
+void Model::write(Asker by, std::int32_t operation, const DBObject& object) { queueOrRun(by, {operation, object}); }
+
+void Model::remove(Asker by, const std::string& dn, std::int32_t instance)
+{
+    queueOrRun(by, {operationDelete, DBObject(dn, instance, false, false, 0, 1)});
+}
+
+void Model::setAttribute(Asker by, const std::string& dn, std::int32_t instance, const std::string& name, Value value)
+{
+    const std::string key = tree.locate(dn, instance);
+    if (key.empty())
+        return answer(by, "no");
+    DBObject object = tree.objects.at(key);
+    if (Attribute* const held = object.getAttribute(name))
+        held->SetValue(std::move(value));
+    else
+        object.addAttribute({false, name, std::move(value), 0, false, 0, true, false});
+    queueOrRun(by, {operationUpdate, object});
+}
+
+void Model::removeAttribute(Asker by, const std::string& dn, const std::string& name)
+{
+    const std::string key = tree.locate(dn, 1);
+    DBObject object = key.empty() ? DBObject(dn, 1, true, false, 0, 1) : tree.objects.at(key);
+    object.addAttribute({false, name, std::int32_t{0}, 0, false, IPCData::INT32, false, false});
+    object.getAttribute(name)->changed = true;
+    object.getAttribute(name)->deleted = true;
+    queueOrRun(by, {operationUpdate, object});
+}
+
+void Model::fetch(Asker by, const std::string& dn, std::int32_t instance)
+{
+    std::optional<DBObject> found;
+    if (const std::string key = tree.locate(dn, instance); !key.empty())
+        found = tree.objects.at(key);
+    for (const auto& [code, object] : waiting(by)) {
+        if (object.MOInstance != instance || (dn != object.dn && dn != object.fullDn()))
+            continue;
+        if (code == operationDelete) {
+            found.reset();
+            continue;
+        }
+        if (!found)
+            found = bareCopy(object);
+        for (const auto& [name, attribute] : object.attributes)
+            if (attribute.changed || !found->getAttribute(name))
+                overwrite(*found, attribute);
+    }
+    answer(by, found ? describe(*found) : "none");
+}
+
+void Model::fetchAttribute(Asker by, const std::string& dn, const std::string& name)
+{
+    const Attribute* found = nullptr;
+    if (const std::string key = tree.locate(dn, 1); !key.empty())
+        found = tree.objects.at(key).getAttribute(name);
+    const Attribute* queued = nullptr;
+    for (const auto& [code, object] : waiting(by))
+        if (dn == object.dn || dn == object.fullDn())
+            queued = object.getAttribute(name);
+    found = queued ? queued : found;
+    answer(by, found ? describe(*found) : "none");
+}
+
+void Model::fetchChildren(Asker by, const std::string& dn, std::int32_t instance)
+{
+    const std::string parent = tree.locate(dn, instance);
+    std::string text;
+    for (const auto& [key, object] : tree.objects)
+        if (!parent.empty() && object.parentDn == parent)
+            text += describe(object);
+    answer(by, text);
+}
+
+void Model::fetchClass(Asker by, const std::string& moClass)
+{
+    std::vector<DBObject> found;
+    for (const auto& [key, object] : tree.objects)
+        if (!isStructure(object) && classOf(object.dn) == moClass)
+            found.push_back(object);
+    for (const auto& [code, object] : waiting(by)) {
+        if (classOf(object.dn) != moClass || object.dn.find('=') == std::string::npos)
+            continue;
+        auto listed = std::ranges::find(found, object.fullDn(), &DBObject::fullDn);
+        if (code == operationDelete) {
+            if (listed != found.end())
+                found.erase(listed);
+            continue;
+        }
+        if (listed == found.end())
+            listed = found.insert(listed, bareCopy(object));
+        for (const auto& [name, attribute] : object.attributes)
+            if (attribute.changed)
+                overwrite(*listed, attribute);
+    }
+    std::set<std::string> sorted; // the order of rows is nobody's promise
+    for (const DBObject& object : found)
+        sorted.insert(describe(object));
+    std::string text;
+    for (const std::string& each : sorted)
+        text += each;
+    answer(by, text);
+}
+
+void Model::instances(Asker by, const std::string& parentDn, const std::string& moClass)
+{
+    const std::string parent = parentDn.empty() ? "" : tree.locate(parentDn, 1);
+    std::set<std::string> found;
+    for (const auto& [key, object] : tree.objects)
+        if (object.parentDn == parent && !isStructure(object) && classOf(object.dn) == moClass)
+            found.insert(object.dn.substr(object.dn.rfind('=') + 1));
+    for (const auto& [code, object] : waiting(by)) {
+        const std::string above =
+            object.dn.substr(0, object.dn.rfind(',') == std::string::npos ? 0 : object.dn.rfind(','));
+        if ((object.parentDn != parentDn && above != parentDn) || classOf(object.dn) != moClass)
+            continue;
+        const std::string instance = object.dn.substr(object.dn.rfind('=') + 1);
+        if (code == operationDelete)
+            found.erase(instance);
+        else
+            found.insert(instance);
+    }
+    std::string text;
+    for (const std::string& each : found)
+        text += each + ";";
+    answer(by, text);
+}
+
+void Model::presence(Asker by, const std::string& dn, std::int32_t instance)
+{
+    answer(by, tree.locate(dn, instance).empty() ? "no" : "yes");
+}
+
+void Model::wholeDn(Asker by, const std::string& dn, const std::string& parentDn)
+{
+    answer(by, tree.locate(joinDn(parentDn, dn), 1));
+}
+
+void Model::transaction(Asker by, std::int32_t action, bool quiet)
+{
+    const std::pair key(by.node, by.transId);
+    bool done = false;
+    if (action == transactionStart)
+        done = m_open.try_emplace(key).second;
+    else if (action == transactionCommit && m_open.contains(key))
+        done = commit(by, quiet);
+    else if (action == transactionAbort)
+        done = m_open.erase(key) > 0;
+    answer(by, done ? "yes" : "no");
+}
+
+bool Model::commit(Asker by, bool quiet)
+{
+    const Operations operations = m_open.extract({by.node, by.transId}).mapped();
+    ModelTree result = tree;
+    std::vector<Entry> entries;
+    std::int32_t previous = -1;
+    for (const Operation& operation : operations) {
+        const DBObject& object = operation.object;
+        std::string whole = object.parentDn.empty() ? object.dn : result.locate(object.fullDn(), 1);
+        if (!run(result, operation))
+            return false;
+        if (whole.empty())
+            whole = result.locate(object.fullDn(), 1);
+        const bool same = previous == operation.code;
+        previous = operation.code;
+        if (const std::size_t colon = object.dn.find(':'); colon != std::string::npos)
+            entries.push_back({object.parentDn, {object.dn.substr(colon + 1)}, operation.code, same});
+        entries.push_back({whole, {}, operation.code, same});
+        for (const auto& [name, attribute] : object.attributes)
+            if (attribute.changed)
+                entries.back().attributes.push_back(name);
+    }
+    tree.objects = result.objects;
+    if (!quiet) {
+        tellOf(result.changes);
+        tellTransaction(entries);
+    }
+    return true;
+}
+
+ModelTree Model::outlook(Asker by) const
+{
+    ModelTree result = tree;
+    for (const Operation& operation : waiting(by))
+        run(result, operation);
+    return result;
+}
+
+std::string Model::everything() const
+{
+    std::string text;
+    for (const auto& [key, object] : tree.objects) {
+        text += (text.empty() ? "" : ",") + key + "|" + std::to_string(object.MOInstance) +
+                (object.isMOMObject ? "1" : "0") + (object.system ? "1" : "0");
+        for (const auto& [name, attribute] : object.attributes)
+            text += " " + name + "=" + valueText(attribute.value) + ":" + std::to_string(attribute.type) +
+                    (attribute.hidden ? "1" : "0") + (attribute.persistent ? "1" : "0");
+    }
+    return text;
+}
+
+void Model::tellOf(const std::vector<ModelChange>& changes)
+{
+    std::map<std::string, std::vector<ModelChange>> byObject;
+    for (const ModelChange& change : changes)
+        byObject[change.wholeDn].push_back(change);
+    std::vector<ModelChange> told;
+    std::set<std::string> vanished;
+    for (const auto& [dn, ofOne] : byObject)
+        std::ranges::copy(toldOf(ofOne, vanished), std::back_inserter(told));
+    std::vector<ModelChange> attributes;
+    std::int32_t operation = 0;
+    for (std::size_t i = 0; i < told.size(); ++i) {
+        const ModelChange& change = told[i];
+        const bool turns = change.ofObject() && operation != 0 && change.operation != operation;
+        if (i > 0 && (turns || change.wholeDn != told[i - 1].wholeDn))
+            tellObject(std::exchange(attributes, {}), told[i - 1], operation);
+        if (change.ofObject())
+            operation = change.operation;
+        else
+            attributes.push_back(change);
+        tellItem(change);
+    }
+    if (!told.empty())
+        tellObject(attributes, told.back(), operation);
+}
+
+void Model::tellObject(const std::vector<ModelChange>& attributes, const ModelChange& last, std::int32_t operation)
+{
+    const std::string moClass = classOf(last.dn);
+    if (attributes.empty() || operation == 0 || moClass == "EventType" || moClass == "EventGroup")
+        return;
+    std::string text = "{" + std::to_string(operation) + "/" + std::to_string(attributes.back().operation) + " " +
+                       last.dn + " " + last.wholeDn + ": ";
+    for (const ModelChange& change : attributes)
+        text += change.attribute.name + "=" + valueText(change.attribute.value) + ":" +
+                std::to_string(change.attribute.type) + (change.attribute.hidden ? "h(" : "(") +
+                std::to_string(change.operation) + ") ";
+    for (const char* const key : {",,,,1", last.mom ? ",,,,2" : ",,,,3", ",,,,1,1", last.mom ? ",,,,2,1" : ",,,,3,1"})
+        tell(key, text + "}");
+}
+
+void Model::tellItem(const ModelChange& change)
+{
+    const std::string instance = "," + std::to_string(change.instance) + ",";
+    std::vector<std::string> keys{classOf(change.dn) + ",,,,", change.dn + ",,,,", change.dn + instance + ",,",
+                                  change.wholeDn + ",,,,", change.wholeDn + instance + ",,"};
+    std::string text = std::to_string(change.operation) + " " + change.dn + " " + change.wholeDn + " ";
+    if (!change.ofObject()) {
+        const std::string of = instance + change.attribute.name + ",";
+        const std::string with = of + std::to_string(change.operation);
+        for (const std::string& rest : {of + ",", with + ","})
+            keys.insert(keys.end(), {change.dn + rest, change.wholeDn + rest});
+        text += change.attribute.name + "=" + valueText(change.attribute.value) + ":" +
+                std::to_string(change.attribute.type);
+    }
+    for (const char* const end : {"", ",1"})
+        for (const std::string& key : once(keys))
+            tell(key + end, text);
+}
+
+void Model::tellTransaction(const std::vector<Entry>& entries)
+{
+    std::string text = "<";
+    for (const Entry& entry : entries) {
+        text += std::to_string(entry.operation) + (entry.sameAsPrevious ? "= " : " ") + entry.wholeDn + ":";
+        for (const std::string& name : entry.attributes)
+            text += " " + name;
+        text += "; ";
+    }
+    if (!entries.empty())
+        tell("TRANSACTIONS", text + ">");
+}
+
+void Model::tell(const std::string& key, const std::string& text)
+{
+    const auto found = m_tickets.find(key);
+    if (found == m_tickets.end())
+        return;
+    const std::string message = std::to_string(found->second) + ":" + text;
+    for (const auto& [ticket, client] : m_subscribers) {
+        if (ticket != found->second)
+            continue;
+        if (client != lateClient || ticket != 1 || !m_buffer)
+            expected[client].push_back(message);
+        else if (ready())
+            m_buffer->push_back(message);
+    }
+}
+
+/// Once the node is ready it stays so, whatever becomes of the object that says it.
+bool Model::ready()
+{
+    const auto oam = tree.objects.find("OAM");
+    m_ready = m_ready || (oam != tree.objects.end() && oam->second.getAttribute("readyForOssSync"));
+    return m_ready;
+}
+
+namespace {
+
+std::string keyOf(const SubscriptionRequest& request)
+{
+    const auto positive = [](std::int32_t number) { return number > 0 ? std::to_string(number) : ""; };
+    if (request.transactions > 0)
+        return "TRANSACTIONS";
+    const std::string key = request.notificationForAll > 0
+                                ? ",,,," + positive(request.notificationForAll)
+                                : request.dn + "," + positive(request.MOInstance) + "," + request.attributeName + "," +
+                                      positive(request.operation) + ",";
+    return request.withAlternate > 0 ? key + "," + positive(request.withAlternate) : key;
+}
+
+} // namespace
+
+void Model::subscribe(Asker by, const SubscriptionRequest& request)
+{
+    const auto next = static_cast<std::int32_t>(m_tickets.size()) + 1;
+    const std::int32_t ticket = m_tickets.try_emplace(keyOf(request), next).first->second;
+    m_subscribers.emplace_back(ticket, by.node);
+    answer(by, "ticket " + std::to_string(ticket));
+    if (ticket != 1 || by.node != lateClient || !m_buffer)
+        return;
+    std::ranges::copy(*m_buffer, std::back_inserter(expected[by.node]));
+    m_buffer.reset();
+    // The buffer's own entry goes, unless the client has given it back already.
+    if (std::ranges::count(m_subscribers, std::pair(ticket, by.node)) > 1)
+        m_subscribers.erase(std::ranges::find(m_subscribers, std::pair(ticket, by.node)));
+}
+
+void Model::unsubscribe(Asker by, const SubscriptionRequest& request, std::int32_t ticket)
+{
+    const auto known = m_tickets.find(keyOf(request));
+    if (ticket == -1 && known != m_tickets.end())
+        ticket = known->second;
+    const auto entry = std::ranges::find(m_subscribers, std::pair(ticket, by.node));
+    const bool done = entry != m_subscribers.end();
+    if (done)
+        m_subscribers.erase(entry);
+    answer(by, (done ? "yes, ticket " : "no, ticket ") + std::to_string(ticket));
+}
+
+void Model::unsubscribeAll(Asker by)
+{
+    std::erase_if(m_subscribers, [&](const auto& entry) { return entry.second == by.node; });
+    if (by.node == lateClient)
+        m_buffer.reset();
+    answer(by, "yes");
+}
