@@ -128,6 +128,7 @@ tour() {
     read_back
     look_around
     change
+    transaction
     delete
 }
 
@@ -164,6 +165,43 @@ change() {
     check "the service took it" equal "$code" 0
     try tamoctl get ManagedElement=1 userLabel
     check "and holds it now: $output" equal "$output" "It's a node"
+}
+
+is_subscribed() { "$bin/tamoctl" subscriptions | grep -q "$1"; }
+
+transaction() {
+    title "A watcher sees a transaction arrive"
+    local watched=$directory/watched watcher tries
+    printf '%s$ tamoctl watch --transactions --all every --count 3 --timeout 30 &%s\n' "$dim" "$plain"
+    "$bin/tamoctl" watch --transactions --all every --count 3 --timeout 30 >"$watched" &
+    watcher=$!
+    for ((tries = 0; tries < 100; ++tries)); do
+        ! is_subscribed TRANSACTIONS || break
+        sleep 0.1
+    done
+    try tamoctl subscriptions
+    show 6
+    check "the watcher is subscribed" equal "$code" 0
+    try tamoctl transaction -- set ManagedElement=1 userLabel=together -- insert ManagedElement=1,Antenna=7 height:UINT32=30
+    show 6
+    check "two writes, committed as one" equal "$code" 0
+    code=0
+    wait "$watcher" || code=$?
+    output=$(<"$watched")
+    show 12
+    check "the watcher was told of both objects and of the transaction" equal "$code" 0
+    check "with the new value" grep -q 'ManagedElement=1.*together' "$watched"
+    check "and the new object" grep -q 'ManagedElement=1,Antenna=7.*30' "$watched"
+    try tamoctl transaction -- set ManagedElement=1 userLabel=never -- delete ManagedElement=1,Absent=1
+    show 3
+    check "a transaction whose second line fails is given up" equal "$code" 3
+    try tamoctl get ManagedElement=1 userLabel
+    check "and nothing of it stays: $output" equal "$output" together
+    try tamoctl delete ManagedElement=1,Antenna=7
+    check "the antenna goes again" equal "$code" 0
+    try tamoctl clients
+    show 4
+    check "who is connected" equal "$code" 0
 }
 
 delete() {

@@ -15,7 +15,9 @@
 #include "values/ValueType.h"
 
 #include <algorithm>
+#include <exception>
 #include <optional>
+#include <ranges>
 
 using namespace TAMO::Messages;
 using TAMO::Database::NotificationBuffer;
@@ -96,13 +98,19 @@ TAMO_DBNotification itemMessage(std::int32_t ticket, const NotificationItem& ite
 }
 
 /// The changed attributes of an object for subscribers with or without alternate storage.
+auto attributesOf(std::span<const NotificationItem> items, bool alternate)
+{
+    const std::int32_t other = alternate ? storageAlternate : storageLoading;
+    return std::views::filter(items, [other](const NotificationItem& item) {
+        return !item.ofObject() && (item.storageKind == storageLive || item.storageKind == other);
+    });
+}
+
 std::vector<attrNameValuePair> attributeList(std::span<const NotificationItem> items, bool alternate)
 {
     std::vector<attrNameValuePair> list;
-    for (const NotificationItem& item : items)
-        if (!item.ofObject() &&
-            (item.storageKind == storageLive || item.storageKind == (alternate ? storageAlternate : storageLoading)))
-            list.push_back({item.attribute, item.value, item.valueType, item.operation, item.storageKind, item.hidden});
+    for (const NotificationItem& item : attributesOf(items, alternate))
+        list.push_back({item.attribute, item.value, item.valueType, item.operation, item.storageKind, item.hidden});
     return list;
 }
 
@@ -208,12 +216,13 @@ void Delivery::objectChanged(std::span<const NotificationItem> items, std::int32
         const std::int32_t ticket = m_subscriptions.ticketOf(key);
         if (ticket == Subscriptions::noTicket)
             return;
-        const auto list = attributeList(items, wantsAlternate);
-        if (list.empty()) {
-            LOG_DEBUG("Database: Notification for all: no attributes -> no notification sending");
+        if (attributesOf(items, wantsAlternate).empty()) {
+            for (std::size_t i = 0; i < m_subscriptions.clientsOf(ticket).size(); ++i)
+                LOG_DEBUG("Database: Notification for all: no attributes -> no notification sending");
             return;
         }
-        deliver(m_objects, ticket, nullptr, [&] { return objectMessage(ticket, object, operation, list); });
+        deliver(m_objects, ticket, nullptr,
+                [&] { return objectMessage(ticket, object, operation, attributeList(items, wantsAlternate)); });
     };
     for (const char* const key : plain)
         deliverUnder(key, false);
@@ -225,9 +234,13 @@ void Delivery::transactionCommitted(const TAMO_DBTransactionNotifData& data)
 {
     if (data.entries.empty())
         return;
-    const std::int32_t ticket = m_subscriptions.ticketOf(SubscriptionKey::transactions);
-    if (ticket != Subscriptions::noTicket)
-        deliver(m_transactions, ticket, nullptr, [&] { return TAMO_DBNotification(ticket, data); });
+    try {
+        const std::int32_t ticket = m_subscriptions.ticketOf(SubscriptionKey::transactions);
+        if (ticket != Subscriptions::noTicket)
+            deliver(m_transactions, ticket, nullptr, [&] { return TAMO_DBNotification(ticket, data); });
+    } catch (const std::exception& error) {
+        LOG_ERROR("Database: a transaction of %zu operations was not told: %s", data.entries.size(), error.what());
+    }
 }
 
 bool Delivery::isReady(Kind& kind)

@@ -29,7 +29,8 @@ public:
 
     void objectChanged(std::span<const NotificationItem> items, std::int32_t operation) override;
     void itemChanged(const NotificationItem& item) override;
-    /// A client transaction was committed; one that changed nothing is not told.
+    /// A client transaction was committed; one that changed nothing is not told. Never throws: the
+    /// commit stands.
     void transactionCommitted(const TAMO::Messages::TAMO_DBTransactionNotifData& data);
 
     /// Subscribes `receiver` to the key and keeps its notifications until releaseBuffer().

@@ -15,8 +15,9 @@ namespace TAMO::Database {
 /// Keeps the notifications of a client that is known to subscribe later than the changes begin.
 class NotificationBuffer {
 public:
-    /// Messages kept; from then on the oldest goes for each new one.
+    /// Messages kept, and bytes of them; from then on the oldest go for each new one.
     static constexpr std::size_t capacity = 10000;
+    static constexpr std::size_t maxBytes = 64 * 1024 * 1024;
 
     NotificationBuffer(std::int32_t receiverNode, std::int32_t ofTicket, std::string subscriptionKey);
     virtual ~NotificationBuffer();
@@ -33,7 +34,12 @@ public:
     const std::string key;
 
 private:
-    std::list<std::unique_ptr<TAMO::Messages::TAMO_DBNotification>> m_queue;
+    struct Kept {
+        std::unique_ptr<TAMO::Messages::TAMO_DBNotification> message;
+        std::size_t bytes;
+    };
+    std::list<Kept> m_queue;
+    std::size_t m_bytes = 0;
     bool m_overflowTold = false;
 };
 

@@ -5,6 +5,7 @@
 
 #include "platform/middleware/Log.h"
 #include "values/DistinguishedName.h"
+#include "values/ValueType.h"
 
 #include <algorithm>
 #include <iterator>
@@ -29,7 +30,11 @@ std::string objectKey(const NotificationItem& item) { return joined(item.realDn(
 
 std::string attributeKey(const std::string& dn, const std::string& attribute) { return joined(dn, attribute); }
 
-std::string attributeKeyOfObject(const NotificationItem& item) { return joined(objectKey(item), item.attribute); }
+/// Equal items have equal keys, and others hardly ever.
+std::string itemKey(const NotificationItem& item)
+{
+    return joined(joined(objectKey(item), item.attribute), std::to_string(item.operation) + valueText(item.value));
+}
 
 auto objectOrder(const NotificationItem& item) { return std::tie(item.realDn(), item.MOInstance); }
 
@@ -106,33 +111,52 @@ public:
     {
         const NotificationItem& any = *items.front();
         const std::string dn = any.realDn(); // the items are moved from below
-        const bool isMember = !any.isMOMObject && any.dn.find(':') != std::string::npos;
-        if (isMember && !m_vanished.empty() && m_vanished.contains(splitOwnPair(dn).parent)) {
+        const Owner owner = ownerOf(any, dn);
+        if (owner == Owner::vanished) {
             m_vanished.insert(dn); // for the members of this member
             return;
         }
         const auto border = items.begin() + static_cast<std::ptrdiff_t>(secondLife(items));
         auto last = foldSegment({items.begin(), border});
         if (border != items.end()) {
-            append(last);
+            append(last, owner);
             last = foldSegment({border, items.end()});
         }
         if (last.empty())
             m_vanished.insert(dn);
-        else if (border == items.end() || last.front().operation != changeDelete)
-            append(last);
+        else if (owner == Owner::deleted || last.front().operation == changeDelete)
+            m_deleted.insert(dn);
+        if (!last.empty() && (border == items.end() || last.front().operation != changeDelete))
+            append(last, owner);
     }
 
     std::vector<NotificationItem> take() { return std::move(m_result); }
 
 private:
-    void append(std::vector<NotificationItem>& items)
+    enum class Owner { stands, deleted, vanished };
+
+    /// What became of the owner of a struct's member; other objects have none.
+    Owner ownerOf(const NotificationItem& item, const std::string& dn) const
     {
+        if (item.isMOMObject || item.dn.find(':') == std::string::npos || (m_vanished.empty() && m_deleted.empty()))
+            return Owner::stands;
+        const std::string owner = splitOwnPair(dn).parent;
+        return m_vanished.contains(owner)  ? Owner::vanished
+               : m_deleted.contains(owner) ? Owner::deleted
+                                           : Owner::stands;
+    }
+
+    /// Members go with their owner and no row tells of it; but what was said of them before is not true.
+    void append(std::vector<NotificationItem>& items, Owner owner)
+    {
+        if (owner == Owner::deleted && !items.empty() && items.front().operation != changeDelete)
+            return;
         m_result.insert(m_result.end(), std::make_move_iterator(items.begin()), std::make_move_iterator(items.end()));
     }
 
     std::vector<NotificationItem> m_result;
-    std::unordered_set<std::string> m_vanished; ///< real DNs of objects that came and went
+    std::unordered_set<std::string> m_vanished; ///< real DNs of objects that came and went,
+    std::unordered_set<std::string> m_deleted;  ///< and of those that are gone now
 };
 
 } // namespace
@@ -148,7 +172,7 @@ void NotificationList::index(Position item)
     if (item->ofObject()) {
         m_objectItems[objectKey(*item)].push_back(item);
     } else if (m_attributesIndexed) {
-        m_attributeItems[attributeKeyOfObject(*item)].push_back(item);
+        m_attributeItems[itemKey(*item)].push_back(item);
         m_latestAttribute[attributeKey(item->dn, item->attribute)] = item;
     }
 }
@@ -212,7 +236,7 @@ const NotificationItem* NotificationList::latestOfObject(const NotificationItem&
 bool NotificationList::contains(const NotificationItem& item)
 {
     indexAttributes();
-    const auto found = m_attributeItems.find(attributeKeyOfObject(item));
+    const auto found = m_attributeItems.find(itemKey(item));
     return found != m_attributeItems.end() &&
            std::ranges::any_of(found->second, [&](Position other) { return *other == item; });
 }

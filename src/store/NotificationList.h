@@ -79,6 +79,6 @@ private:
     std::list<NotificationItem> m_items;
     std::unordered_map<std::string, std::vector<Position>> m_objectItems; ///< by real DN and MOInstance
     bool m_attributesIndexed = false; ///< from the first question about one on: most deliveries ask none
-    std::unordered_map<std::string, std::vector<Position>> m_attributeItems; ///< by object and name
+    std::unordered_map<std::string, std::vector<Position>> m_attributeItems; ///< by content
     std::unordered_map<std::string, Position> m_latestAttribute;             ///< by own pair and name
 };

@@ -319,6 +319,7 @@ private:
 
     void forgetLookups();
     void forgetWholeDn();
+    void forgetFor(const std::string& newPair);
     std::optional<ObjectRow> objectRow(std::int32_t objectId, int& result);
     std::optional<ObjectRow> objectRow(std::int32_t objectId);
     bool cachedIdStands(const std::vector<std::string>& pairs, const std::string& dn, std::int32_t MOInstance,
@@ -326,6 +327,9 @@ private:
     std::int32_t findSinglePair(const std::string& pair, std::int32_t MOInstance, std::int32_t parentId, int& result);
     std::int32_t followPairs(std::int32_t fromId, std::span<const std::string> pairs, int& result);
     std::int32_t followFromRoot(const std::string& dn, std::span<const std::string> pairs, int& result);
+    std::int32_t followFromInside(std::span<const std::string> pairs, int& result);
+    bool holdsPairWithComma(int& result);
+    std::int32_t findWholeText(const std::string& dn, std::int32_t MOInstance, int& result);
     std::string walkUp(std::int32_t objectId, int& result);
     std::int32_t findPath(const std::string& dn, const std::vector<std::string>& pairs, std::int32_t MOInstance,
                           int& result);
@@ -395,6 +399,8 @@ private:
     std::int32_t m_lastWholeDnId = 0; // of the last walk to the root, with its result
     std::string m_lastWholeDn;
     PathCache m_parents;
+    InnerStarts m_innerStarts;
+    std::optional<bool> m_holdsPairWithComma; // whether any object's own pair does
     static constexpr const char* oamPair = "OAM";
     std::optional<std::vector<std::int32_t>> m_oamIds; // of the objects with that pair; none when not looked up
 };

@@ -107,7 +107,20 @@ void SQLite::forgetLookups()
     m_lastDn.clear();
     m_lastId = 0;
     m_oamIds.reset();
+    m_innerStarts.clear();
+    m_holdsPairWithComma.reset();
     forgetWholeDn();
+}
+
+/// What a new object makes untrue of what is remembered. Its row id may have belonged to another.
+void SQLite::forgetFor(const std::string& newPair)
+{
+    forgetWholeDn();
+    m_innerStarts.forget(newPair);
+    if (newPair.find(',') != std::string::npos)
+        m_holdsPairWithComma.reset();
+    if (newPair == oamPair)
+        m_oamIds.reset();
 }
 
 void SQLite::forgetWholeDn()
@@ -199,24 +212,56 @@ std::int32_t SQLite::findPath(const std::string& dn, const std::vector<std::stri
 {
     if (const std::int32_t id = followFromRoot(dn, pairs, result); id != 0 || isError(result))
         return id;
-    // Nothing but the root has an index for this, so one look at every row must do.
-    std::int32_t whole = 0;
-    const auto below = std::span(pairs).subspan(1);
-    Statement rows(
-        m_runtime,
-        "select id,parent,dn = %Q from DBObject where (dn = %Q and parent != 0) or (dn = %Q and MOInstance = "
-        "%d)",
-        dn.c_str(), pairs.front().c_str(), dn.c_str(), MOInstance);
-    while (rows.next()) {
-        if (rows.integer(2) != 0) {
-            if (whole == 0 || rows.integer(1) == 0)
-                whole = rows.integer(0);
-        } else if (const std::int32_t id = followPairs(rows.integer(0), below, result); id != 0 || isError(result)) {
-            return id;
-        }
+    if (const std::int32_t id = followFromInside(pairs, result); id != 0 || isError(result))
+        return id;
+    return holdsPairWithComma(result) ? findWholeText(dn, MOInstance, result) : 0;
+}
+
+/// Walks down from wherever the first pair stands below another object.
+std::int32_t SQLite::followFromInside(std::span<const std::string> pairs, int& result)
+{
+    const std::vector<std::int32_t>* starts = m_innerStarts.of(pairs.front());
+    if (!starts) {
+        // Nothing but the root has an index for this, so one look at every row must do.
+        Statement rows(m_runtime, "select id from DBObject where dn = %Q and parent != 0", pairs.front().c_str());
+        std::vector<std::int32_t> ids;
+        while (rows.next())
+            ids.push_back(rows.integer(0));
+        result = rows.result();
+        if (isError(result))
+            return 0;
+        starts = &m_innerStarts.remember(pairs.front(), std::move(ids));
     }
+    for (const std::int32_t start : *starts)
+        if (const std::int32_t id = followPairs(start, pairs.subspan(1), result); id != 0 || isError(result))
+            return id;
+    return 0;
+}
+
+bool SQLite::holdsPairWithComma(int& result)
+{
+    if (!m_holdsPairWithComma) {
+        Statement row(m_runtime, "select id from DBObject where instr(dn, ',') > 0 limit 1");
+        const bool holds = row.next();
+        result = row.result();
+        if (isError(result))
+            return false;
+        m_holdsPairWithComma = holds;
+    }
+    return *m_holdsPairWithComma;
+}
+
+/// The object whose own pair is the whole text; one at the top before others.
+std::int32_t SQLite::findWholeText(const std::string& dn, std::int32_t MOInstance, int& result)
+{
+    std::int32_t id = 0;
+    Statement rows(m_runtime, "select id,parent from DBObject where dn = %Q and MOInstance = %d", dn.c_str(),
+                   MOInstance);
+    while (rows.next())
+        if (id == 0 || rows.integer(1) == 0)
+            id = rows.integer(0);
     result = rows.result();
-    return whole;
+    return id;
 }
 
 std::int32_t SQLite::get_object_id(const std::string& dn, std::int32_t MOInstance, std::int32_t parentId)

@@ -140,6 +140,7 @@ void SQLite::sql_collectOnePair_DBObject(Connection* connection, int operation, 
     item.MOInstance = row.integer(3);
     item.isMOMObject = row.integer(4) != 0;
     item.operation = operation;
+    item.storageKind = m_loadingAlternateStorage ? storageLoading : storageLive;
     if (item.MOInstance == 0)
         LOG_DEBUG("SQLite::%s, got 0 instance. Notifications may be erroneous.", __func__);
     item.wholeDn = wholeDnField(item.dn, static_cast<std::int32_t>(rowId), parentId);
@@ -185,6 +186,9 @@ void SQLite::collectStructOwner(const NotificationItem& member, std::int32_t own
     if (!attribute)
         attribute = owner->getAttribute(name);
     NotificationItem ownerItem = itemOf(*owner, get_whole_dn(owner->id), member.operation);
+    ownerItem.storageKind = member.storageKind;
+    const NotificationItem* const latest = m_changes.latestOfObject(ownerItem);
+    ownerItem.implied = !latest || latest->implied;
     if (!attribute) {
         LOG_DEBUG("SQLite::%s, Cannot find struct attribute %s from object.", operation, name.c_str());
     } else {
@@ -195,8 +199,6 @@ void SQLite::collectStructOwner(const NotificationItem& member, std::int32_t own
         if (!activeList().contains(item))
             activeList().append(std::move(item));
     }
-    const NotificationItem* const latest = m_changes.latestOfObject(ownerItem);
-    ownerItem.implied = !latest || latest->implied;
     if (latest)
         ownerItem.operation = latest->operation;
     sql_eraseDuplicateFomDnInstList(ownerItem);
@@ -262,7 +264,8 @@ void SQLite::captureDeletion(std::int32_t objectId)
     const auto object = sql_get_object(objectId, "delete_object");
     if (!object)
         return;
-    const NotificationItem item = itemOf(*object, get_whole_dn(objectId), changeDelete);
+    NotificationItem item = itemOf(*object, get_whole_dn(objectId), changeDelete);
+    item.storageKind = m_loadingAlternateStorage ? storageLoading : storageLive;
     activeList().append(item);
     for (const auto& entry : object->attributes)
         activeList().append(itemOf(item, entry.second));
@@ -270,14 +273,13 @@ void SQLite::captureDeletion(std::int32_t objectId)
 
 void SQLite::captureAttributeDeletion(std::int32_t objectId, const std::string& name)
 {
-    if (!capturesDeletions())
+    const auto object = capturesDeletions() ? sql_get_object(objectId, "deleteAttribute") : nullptr;
+    const Attribute* const attribute = object ? object->getAttribute(name) : nullptr;
+    if (!attribute)
         return;
-    sql_collectDnInstPairs(); // so that the object's own item stands before its attribute's
-    const auto object = sql_get_object(objectId, "deleteAttribute");
-    if (!object)
-        return;
-    if (const Attribute* const attribute = object->getAttribute(name))
-        activeList().append(itemOf(itemOf(*object, get_whole_dn(objectId), changeDelete), *attribute));
+    NotificationItem item = itemOf(itemOf(*object, get_whole_dn(objectId), changeDelete), *attribute);
+    item.storageKind = m_loadingAlternateStorage ? storageLoading : storageLive;
+    activeList().append(std::move(item));
 }
 
 bool SQLite::capturesDeletions() const { return onOwnRuntime() && !m_notificationsDisabled; }

@@ -182,12 +182,15 @@ bool SQLite::deleteAttribute(const std::string& name, std::int32_t objectId, boo
         LOG_DEBUG("SQLite::%s: Cannot delete attribute %s from DB, it does not exist.", __func__, name.c_str());
         return false;
     }
+    sql_collectDnInstPairs(); // so that the object's own item stands before its attribute's
+    const std::size_t changesBefore = activeList().size();
     captureAttributeDeletion(objectId, name);
     const std::size_t rowsBefore = m_changedRows.size();
     Statement remove(m_runtime, "delete from Attribute where belongsTo = %d and name = %Q", objectId, name.c_str());
     remove.step();
     m_changedRows.resize(rowsBefore); // captured already
     if (!remove.done()) {
+        activeList().cutBack(changesBefore);
         LOG_ERROR("SQLite::%s: Error deleting attribute %s from DB", __func__, name.c_str());
         doIntegrityCheck();
         return false;

@@ -24,10 +24,10 @@ public:
             LOG_ERROR("Insert Error: MOInstance is 0");
             return false;
         }
-        m_dn = m_store.alignSingletonDn(m_object.dn);
         OwnTransaction transaction(m_store, m_inTransaction);
         if (!transaction)
             return false;
+        m_dn = m_store.alignSingletonDn(m_object.dn); // may rename the stored object
         if (transaction.isOwn())
             LOG_DEBUG("Single insert");
         setTimeStamps();
@@ -120,9 +120,7 @@ int SQLite::InsertOperation::insertRow()
     const int result = insert.step();
     if (result == SQLITE_DONE) {
         m_objectId = static_cast<std::int32_t>(sqlite3_last_insert_rowid(m_store.m_runtime->handle()));
-        m_store.forgetWholeDn(); // the row id may have belonged to another object
-        if (m_dn == oamPair)
-            m_store.m_oamIds.reset();
+        m_store.forgetFor(m_dn);
     } else if (result != SQLITE_CONSTRAINT) {
         LOG_ERROR("Error inserting %s by %s. SQLite error code %d", m_dn.c_str(), m_client.c_str(), result);
         m_store.doIntegrityCheck();
@@ -201,7 +199,11 @@ void SQLite::resolveParent(DBObject& object)
     if (object.parentId != 0)
         return;
     object.parentId = get_object_id(object.parentDn, object.parentMOInstance);
-    if (object.parentId != 0 && !splitOwnPair(object.parentDn).parent.empty())
+    if (object.parentId == 0 || splitOwnPair(object.parentDn).parent.empty())
+        return;
+    // An own pair that is all of the text is looked up by its MOInstance, too.
+    const auto row = objectRow(object.parentId);
+    if (row && row->dn != object.parentDn)
         m_parents.rememberId(object.parentDn, object.parentId);
 }
 

@@ -11,6 +11,8 @@
 
 #include <sqlite3.h>
 
+#include <exception>
+
 namespace {
 
 constexpr const char* rollbackText = "ROLLBACK TRANSACTION";
@@ -84,13 +86,21 @@ bool SQLite::sql_commit_transaction()
     const int result = run(m_runtime, text);
     LOG_DEBUG("SQLite::sql_commit_transaction(): ret value: %d, msg: %s, buf: %s", result,
               errorText(*m_runtime, result), text);
-    if (result == SQLITE_OK)
+    if (result == SQLITE_OK) {
         m_transactionOpen = false;
-    else
+    } else {
+        LOG_ERROR("SQLite::%s: nothing of the transaction is kept. SQLite error %d: %s", __func__, result,
+                  errorText(*m_runtime, result));
         sql_rollback_transaction(); // its writes must not ride on a later commit
+        forgetChanges();
+    }
     if (!m_synchronising)
         sql_sendNotifications();
-    saveAfterCommit();
+    try {
+        saveAfterCommit();
+    } catch (const std::exception& error) { // no memory: the commit stands all the same
+        LOG_ERROR("SQLite::%s: the dump file is not saved: %s", __func__, error.what());
+    }
     return result == SQLITE_OK;
 }
 

@@ -36,15 +36,15 @@ public:
 
     bool run()
     {
-        m_dn = m_store.alignSingletonDn(m_object.dn);
+        OwnTransaction transaction(m_store, m_inTransaction);
+        if (!transaction)
+            return false;
+        m_dn = m_store.alignSingletonDn(m_object.dn); // may rename the stored object
         m_store.checkParentId(m_object);
         m_objectId = findId();
         if (m_objectId == 0)
             return notStored();
         if (!readRow())
-            return false;
-        OwnTransaction transaction(m_store, m_inTransaction);
-        if (!transaction)
             return false;
         if (transaction.isOwn())
             LOG_DEBUG("Single update");

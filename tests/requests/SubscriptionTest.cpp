@@ -178,6 +178,46 @@ TEST(Subscriptions, TicketsStartOverAndSkipThoseInUse)
     EXPECT_EQ(again.keyOf(1), "second");
 }
 
+TEST(Subscriptions, KeysForADnAreThoseThatBeginWithIt)
+{
+    Subscriptions subscriptions;
+    for (const char* key : {"A=1!,,,,", "A=10,,,,", "A=1\xff,,,,", "B=1,1,,,", ",,,,2,1", "TRANSACTIONS"})
+        subscriptions.add(key, 1);
+    for (const char* dn : {"A=1", "A", "", "A=", "C", "TRANSACTION", "B=1,1,1"})
+        EXPECT_FALSE(subscriptions.hasKeyFor(dn)) << dn;
+    EXPECT_TRUE(subscriptions.hasKeyFor("B=1"));
+    subscriptions.add("A=1,,,,", 1);
+    EXPECT_TRUE(subscriptions.hasKeyFor("A=1"));
+    for (const char* key : {",,,,", ",,,,,1", ",1,,,", ",-1,a,,"}) {
+        Subscriptions empty;
+        empty.add(key, 1);
+        EXPECT_TRUE(empty.hasKeyFor("")) << key;
+    }
+}
+
+TEST_F(Subscribing, OneClientCannotTakeItAll)
+{
+    Subscriptions subscriptions;
+    for (std::size_t i = 0; i < Subscriptions::maxUnderTicket; ++i)
+        ASSERT_EQ(subscriptions.add("same", 1), 1);
+    EXPECT_EQ(subscriptions.add("same", 1), Subscriptions::noTicket);
+    EXPECT_EQ(subscriptions.add("same", 2), 1) << "others are not touched";
+    EXPECT_TRUE(subscriptions.mapErase(1, 1));
+    EXPECT_EQ(subscriptions.add("same", 1), 1);
+    for (std::size_t i = Subscriptions::maxUnderTicket; i < Subscriptions::maxOfClient; ++i)
+        ASSERT_GT(subscriptions.add("key " + std::to_string(i), 1), 1);
+    EXPECT_EQ(subscriptions.add("one more", 1), Subscriptions::noTicket);
+    subscriptions.removeClient(1);
+    EXPECT_GT(subscriptions.add("one more", 1), 1);
+    const std::string large(Subscriptions::maxKeyBytes / 4, 'x');
+    for (const char* end : {"a", "b", "c"})
+        ASSERT_GT(subscriptions.add(large + end, 2), 1);
+    EXPECT_EQ(subscriptions.add(large + "d", 2), Subscriptions::noTicket);
+    EXPECT_GT(subscriptions.add(large + "a", 3), 1) << "a key that is there takes nothing more";
+    EXPECT_EQ(log.count(mwLogWarning, "too many registrations"), 2);
+    EXPECT_EQ(log.count(mwLogWarning, "gets no ticket"), 1);
+}
+
 TEST_F(Subscribing, WholeObjectsAreToldByKindWithTheirAttributes)
 {
     const std::string every = std::to_string(subscribe(client, {.forAll = all}));
@@ -215,10 +255,12 @@ TEST_F(Subscribing, ParkedValuesAreToldToThoseWhoWantThem)
     ASSERT_TRUE(update("A=1", {text("a", "live")}));
     EXPECT_EQ(told(client), plain + ":18 A=1 a=live " + both + ":18 A=1 a=live " + list + ":{23 A=1: a=live} " +
                                 bothList + ":{23 A=1: a=live} ");
+    subscribe(second, {.dn = "A=1", .withAlternate = 1});
     {
         const FlagScope loading = store().loadingAlternateStorage();
         ASSERT_TRUE(update("A=1", {text("a", "loaded")}));
     }
+    EXPECT_TRUE(second.gotNothing()) << "not even of the object";
     EXPECT_EQ(told(client), plain + ":23 A=1 a=loaded " + list + ":{23 A=1: a=loaded} ");
 }
 
@@ -290,10 +332,18 @@ TEST_F(Buffer, ForgetsTheOldestWhenItIsFull)
         buffer.enqueue(std::move(message));
     }
     EXPECT_EQ(buffer.size(), buffer.capacity);
-    EXPECT_EQ(log.count(mwLogWarning, "notifications wait for"), 1);
+    EXPECT_EQ(log.count(mwLogWarning, "the oldest are dropped"), 1);
     buffer.flush();
     const auto first = vex.next<TAMO_DBNotification>();
     ASSERT_TRUE(first);
     EXPECT_EQ(first->objectOperation, more);
     EXPECT_EQ(buffer.size(), 0U);
+    constexpr std::size_t large = 900000;
+    for (std::size_t bytes = 0; bytes < 2 * TAMO::Database::NotificationBuffer::maxBytes; bytes += large) {
+        auto message = std::make_unique<TAMO_DBNotification>();
+        message->value = std::string(large, 'x');
+        buffer.enqueue(std::move(message));
+    }
+    EXPECT_LE(buffer.size() * large, TAMO::Database::NotificationBuffer::maxBytes);
+    EXPECT_GE((buffer.size() + 2) * large, TAMO::Database::NotificationBuffer::maxBytes);
 }

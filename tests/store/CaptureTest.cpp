@@ -154,13 +154,13 @@ TEST_F(Capture, StructMembersOfAnObjectThatCameAndWentGoWithIt)
 
 TEST_F(Capture, DeletionIsToldOfAnOwnerThatWasThereBeforeItsMember)
 {
-    ASSERT_TRUE(insert("A=1", {text("a", "x")}));
+    ASSERT_TRUE(insert("A=1", {text("a", "x"), text("s", "T")}));
     recorder.take();
     EXPECT_TRUE(together([&] {
-        EXPECT_TRUE(insertJoined("A=1,A:s", {}, false));
+        EXPECT_TRUE(insertJoined("A=1,A:s", {text("m", "1")}, false));
         EXPECT_TRUE(removeJoined("A=1"));
     }));
-    EXPECT_EQ(recorder.take().find("9 A=1; 9 A=1 a=x; "), 0U);
+    EXPECT_EQ(recorder.take(), "9 A=1; 9 A=1 a=x; 9 A=1 s=T; ") << "and not of a member that is gone with it";
 }
 
 TEST_F(Capture, AttributeDeletedBetweenTwoUpdatesIsToldBehindItsObject)
@@ -193,6 +193,12 @@ TEST_F(Capture, WhatIsRolledBackIsNotTold)
         FullDrive full("runtime/pRBSdb");
         insert("B=1", {text("b", "x")});
     }
+    EXPECT_EQ(log.count(mwLogError, "nothing of the transaction is kept"), 1);
+    {
+        RefusedPrepare refused(handle(), SQLITE_DELETE, "Attribute");
+        EXPECT_TRUE(update("A=1", {removal("a")})) << "all but the deletion";
+    }
+    EXPECT_EQ(recorder.take(), "23 A=1; ");
     ASSERT_TRUE(store().sql_start_transaction());
     EXPECT_TRUE(insertJoined("B=1", {text("b", "x")}));
     EXPECT_TRUE(removeJoined("A=1"));

@@ -2,6 +2,8 @@
 
 #include "tools/client/ClientNames.h"
 #include "tools/client/Database.h"
+#include "tools/client/QueuedObjects.h"
+#include "tools/client/SubscriptionKey.h"
 #include "tools/tamoctl/ArgumentValues.h"
 #include "tools/tamoctl/DnArgument.h"
 #include "tools/tamoctl/Failure.h"
@@ -265,6 +267,44 @@ TEST(Text, ScriptLinesSplitAsInAShell)
 TEST(Text, NothingReachesATerminalAsControl)
 {
     EXPECT_EQ(printable("a\n\x1B[1mü\x80\x7F"), "a\\x0a\\x1b[1mü\\x80\\x7f");
+}
+
+TEST(Key, TextsOfTheFieldsAreReadBackAndOthersRefused)
+{
+    const auto key = SubscriptionKey::fromText("ManagedElement=1,Site=a,b,12,state,23,,1");
+    ASSERT_TRUE(key);
+    EXPECT_EQ(key->dn, "ManagedElement=1,Site=a,b");
+    EXPECT_EQ(std::tie(key->instance, key->operation, key->withAlternate), std::make_tuple(12, 23, 1));
+    EXPECT_EQ(key->attribute, "state");
+    for (const char* text : {"UpgradePackage=1,1,state,,", "Cell,,,,", "A=1,2,,,", "A=1,,,,,1", ",,,,2", ",,,,3,1",
+                             ",,,,", ",,,,,1", "TRANSACTIONS", "A=1,,a,,", "A=1,1,a,2147483647,"}) {
+        const auto read = SubscriptionKey::fromText(text);
+        ASSERT_TRUE(read) << text;
+        EXPECT_EQ(read->text(), text);
+    }
+    EXPECT_EQ(SubscriptionKey::fromText(",,,,2,1")->forAll, 2);
+    for (const char* text :
+         {"", "A=1", "A=1,,,", "A=1,01,,,", "A=1,0,,,", "A=1,-1,,,", "A=1,x,,,", "A=1,1,a,23", "A=1,,,,1", "A=1,,,,,x",
+          "A=1,1,a,2147483648,", ",,,,0", ",,,,2,", ",,,,2,1,1", "TRANSACTIONS,1", "transactions"})
+        EXPECT_FALSE(SubscriptionKey::fromText(text)) << text;
+    for (const char* text : {"Cell,,,,", "A=1,1,a,9,", "A=1,2,,,,1", ",,,,1", "TRANSACTIONS"})
+        EXPECT_EQ(SubscriptionKey::fromText(text)->whyItNeverMatches(), "") << text;
+    for (const char* text : {",,,,", "A=1,,a,,", "A=1,1,,23,", "A=1,1,a,6,", ",,,,4", ",,,,1,2"})
+        EXPECT_NE(SubscriptionKey::fromText(text)->whyItNeverMatches(), "") << text;
+}
+
+TEST(Queued, RemovalTakesWhatIsBelowUntilItIsInsertedAgain)
+{
+    QueuedObjects queued;
+    queued.inserted("A=1,B=1,C=1", 1);
+    queued.removed("A=1,B=1", 1);
+    EXPECT_EQ(queued.present("A=1,B=1,C=1", 1), false);
+    EXPECT_EQ(queued.present("A=1,B=1,D=1", 1), false);
+    EXPECT_EQ(queued.present("A=1,B=12", 1), std::nullopt);
+    EXPECT_EQ(queued.present("A=1,B=1", 2), std::nullopt);
+    queued.inserted("A=1,B=1", 1);
+    EXPECT_EQ(queued.present("A=1,B=1", 1), true);
+    EXPECT_EQ(queued.present("A=1,B=1,C=1", 1), false);
 }
 
 TEST(SiblingOrder, CountsNumbersByValueAndIsTotal)

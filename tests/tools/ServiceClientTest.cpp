@@ -170,8 +170,8 @@ TEST_F(Connection, AnswerThatGoesWrong)
     const auto oversized = [](RawPeer& peer, const TAMO_DBPresence&) {
         peer.writeHeader({Wire::maxFrameSize, TAMO_DBPresenceRsp::id, 0, 100, peer.sequence});
     };
-    const auto frameMissing = [](RawPeer& peer, const TAMO_DBPresence& request) {
-        ++peer.sequence;
+    const auto frameRepeated = [](RawPeer& peer, const TAMO_DBPresence& request) {
+        --peer.sequence;
         peer.write(TAMO_DBPresenceRsp(true, request.transId));
     };
     const auto damaged = [](RawPeer& peer, const TAMO_DBPresence&) {
@@ -183,9 +183,45 @@ TEST_F(Connection, AnswerThatGoesWrong)
         peer.write(TAMO_DBPresenceRsp::id, body);
     };
     EXPECT_EQ(presenceAgainst(oversized), Trouble::protocol);
-    EXPECT_EQ(presenceAgainst(frameMissing), Trouble::protocol);
+    EXPECT_EQ(presenceAgainst(frameRepeated), Trouble::protocol);
     EXPECT_EQ(presenceAgainst(damaged), Trouble::protocol);
     EXPECT_EQ(presenceAgainst(truncated), Trouble::protocol);
+}
+
+TEST_F(Connection, DroppedMessagesAreToldOnceWhereTheyAreMissing)
+{
+    const ServiceSocket service(directory.path(), [](RawPeer& peer) {
+        peer.greet();
+        Wire::FrameHeader header;
+        RawMessage raw;
+        raw.body = peer.read(header);
+        TAMO_DBPresence request;
+        ASSERT_TRUE(request.deserialize(&raw));
+        const auto notify = [&peer](std::int32_t ticket) {
+            TAMO_DBNotification notification;
+            notification.ticket = ticket;
+            peer.write(notification);
+        };
+        notify(1);
+        peer.write(TAMO_DBPresenceRsp(true, request.transId));
+        notify(2);
+        peer.sequence += 3;
+        notify(3);
+        peer.read(header); // until the client goes
+    });
+    ServiceClient client(options());
+    EXPECT_TRUE(Database(client).exists("A=1"));
+    const auto nextTicket = [&client] {
+        TAMO_DBNotification notification;
+        const auto raw = client.nextNotification(std::chrono::steady_clock::now() + patient);
+        EXPECT_TRUE(raw && notification.deserialize(&*raw));
+        return notification.ticket;
+    };
+    EXPECT_EQ(nextTicket(), 1);
+    EXPECT_EQ(nextTicket(), 2);
+    EXPECT_EQ(troubleOf(nextTicket), Trouble::missed);
+    EXPECT_EQ(nextTicket(), 3);
+    EXPECT_FALSE(client.nextNotification(std::chrono::steady_clock::now() + soon / 10));
 }
 
 TEST_F(Connection, LossInTheMiddleOfAnAnswerIsTold)

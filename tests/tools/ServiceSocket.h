@@ -68,6 +68,7 @@ public:
         read(header);
         write(TAMO::Wire::Hello(0, "db"));
     }
+    void hangUp() { ::shutdown(m_socket, SHUT_RDWR); }
     std::uint32_t sequence = 0;
 
 private:

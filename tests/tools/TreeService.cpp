@@ -4,6 +4,7 @@
 
 #include "platform/messages/Answers.h"
 
+#include <functional>
 #include <gtest/gtest.h>
 
 using namespace TAMO::Messages;
@@ -36,6 +37,36 @@ int TreeService::updates() const
     return m_updates;
 }
 
+std::vector<std::int32_t> TreeService::transactionActions() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_actions;
+}
+
+void TreeService::leaveTransactionOpen(std::int32_t node, std::int32_t id)
+{
+    const std::lock_guard lock(m_mutex);
+    m_transactions[{node, id}];
+}
+
+TreeService::Transaction* TreeService::transactionOf(std::int32_t node, std::int32_t id)
+{
+    const auto found = m_transactions.find({node, id});
+    return found == m_transactions.end() ? nullptr : &found->second;
+}
+
+bool TreeService::endTransaction(std::int32_t node, const TAMO_DBTransaction& request)
+{
+    Transaction* const transaction = transactionOf(node, request.transId);
+    if (!transaction)
+        return false;
+    const bool success = request.action == transactionAbort || !transaction->failed;
+    if (request.action == transactionCommit && success)
+        m_objects = std::move(transaction->tree);
+    m_transactions.erase({node, request.transId});
+    return success;
+}
+
 template <class Request, class Serve>
 bool TreeService::serve(const RawMessage& raw, Serve answerTo)
 {
@@ -50,29 +81,52 @@ bool TreeService::serve(const RawMessage& raw, Serve answerTo)
 void TreeService::handle(const RawMessage& raw)
 {
     const std::lock_guard lock(m_mutex);
-    const auto insert = [this](const TAMO_DBInsert& request) {
-        EXPECT_EQ(request.operation, operationInsert);
-        return TAMO_DBInsertRsp(write(request, request.object, request.uncompressedSize, true), request.transId);
+    // Queued: answered true, and what is wrong told at the commit.
+    const auto change = [&](std::int32_t id, const std::function<bool(Tree&)>& work) {
+        Transaction* const transaction = transactionOf(raw.sender, id);
+        if (!transaction)
+            return work(m_objects);
+        transaction->failed = !work(transaction->tree) || transaction->failed;
+        return true;
     };
-    const auto update = [this](const TAMO_DBUpdate& request) {
+    const auto insert = [&](const TAMO_DBInsert& request) {
+        EXPECT_EQ(request.operation, operationInsert);
+        const bool done = change(
+            request.transId, [&](Tree& tree) { return write(tree, request.object, request.uncompressedSize, true); });
+        return TAMO_DBInsertRsp(done, request.transId);
+    };
+    const auto update = [&](const TAMO_DBUpdate& request) {
         EXPECT_EQ(request.operation, operationUpdate);
         ++m_updates;
-        return TAMO_DBUpdateRsp(write(request, request.object, request.uncompressedSize, false), request.transId);
+        const bool done = change(
+            request.transId, [&](Tree& tree) { return write(tree, request.object, request.uncompressedSize, false); });
+        return TAMO_DBUpdateRsp(done, request.transId);
     };
-    const auto remove = [this](const TAMO_DBDelete& request) {
+    const auto remove = [&](const TAMO_DBDelete& request) {
         EXPECT_EQ(request.operation, operationDelete);
-        const bool removed = !m_refused.contains(request.dn) && m_objects.erase(request.dn) == 1;
+        const bool removed = change(request.transId, [&](Tree& tree) {
+            return !m_refused.contains(request.dn) && tree.erase(request.dn) == 1;
+        });
         return TAMO_DBDeleteRsp(removed, request.transId);
     };
     const auto presence = [this](const TAMO_DBPresence& request) {
         return TAMO_DBPresenceRsp(m_objects.contains(request.dn), request.transId);
     };
-    const auto fetch = [this](const TAMO_DBFetch& request) {
+    const auto transact = [&](const TAMO_DBTransaction& request) {
+        m_actions.push_back(request.action);
+        const bool done = request.action == transactionStart
+                              ? m_transactions.try_emplace({raw.sender, request.transId}, Transaction{m_objects}).second
+                              : endTransaction(raw.sender, request);
+        return TAMO_DBTransactionRsp(done, request.transId);
+    };
+    const auto fetch = [&](const TAMO_DBFetch& request) {
+        const Transaction* const transaction = transactionOf(raw.sender, request.transId);
+        const Tree& tree = transaction ? transaction->tree : m_objects;
         TAMO_DBFetchRsp answer;
         answer.transId = request.transId;
-        const auto found = m_objects.find(request.dn);
-        answer.data.result = found == m_objects.end();
-        if (found != m_objects.end())
+        const auto found = tree.find(request.dn);
+        answer.data.result = found == tree.end();
+        if (found != tree.end())
             answer.length = DBObject::SerializeDataforDB(found->second, answer.data.data, IPCData::dataCapacity,
                                                          answer.uncompressedSize);
         return answer;
@@ -91,16 +145,16 @@ void TreeService::handle(const RawMessage& raw)
     };
     serve<TAMO_DBInsert>(raw, insert) || serve<TAMO_DBUpdate>(raw, update) || serve<TAMO_DBDelete>(raw, remove) ||
         serve<TAMO_DBPresence>(raw, presence) || serve<TAMO_DBFetch>(raw, fetch) ||
-        serve<TAMO_DBFetchAllChildren>(raw, children);
+        serve<TAMO_DBFetchAllChildren>(raw, children) || serve<TAMO_DBTransaction>(raw, transact);
 }
 
-bool TreeService::write(const Message&, const Bytes& bytes, std::int32_t uncompressedSize, bool insert)
+bool TreeService::write(Tree& tree, const Bytes& bytes, std::int32_t uncompressedSize, bool insert)
 {
     const auto object =
         DBObject::DeSerializeDatafromDB(bytes.data(), static_cast<std::int32_t>(bytes.size()), uncompressedSize);
-    if (!object || m_refused.contains(object->fullDn()) || (!insert && !m_objects.contains(object->fullDn())))
+    if (!object || m_refused.contains(object->fullDn()) || (!insert && !tree.contains(object->fullDn())))
         return false;
-    DBObject& stored = m_objects.try_emplace(object->fullDn(), *object).first->second;
+    DBObject& stored = tree.try_emplace(object->fullDn(), *object).first->second;
     for (const auto& [name, attribute] : object->attributes) {
         EXPECT_TRUE(attribute.changed) << name; // the service writes no other
         stored.attributes.insert_or_assign(name, attribute);

@@ -1,12 +1,16 @@
 #pragma once
 
+#include "platform/messages/Diagnostics.h"
 #include "platform/utility/DBObject.h"
+#include "tools/client/QueuedObjects.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 class ServiceClient;
+struct SubscriptionKey;
 namespace TAMO::Messages {
 class ObjectRequest;
 class ListAnswer;
@@ -14,6 +18,10 @@ class ListAnswer;
 
 /// The service's requests as calls. DNs are whole DNs. Writes answer what the service answered;
 /// trouble on the way is a ClientError.
+///
+/// In a client transaction (beginTransaction) writes are queued and answered true; what is wrong with
+/// them shows at the commit. fetch, fetchAttribute, exists, objectsOfClass and instances see what is
+/// queued; children and wholeDn see the committed tree, and createFromTemplate is carried out at once.
 class Database {
 public:
     explicit Database(ServiceClient& client) : m_client(client) {}
@@ -34,6 +42,8 @@ public:
     /// service takes a parent that is not there for "".
     std::vector<std::string> instances(const std::string& moClass, const std::string& parentDn);
     bool exists(const std::string& dn, std::int32_t instance = 1);
+    /// The same without what the transaction has queued.
+    bool isCommitted(const std::string& dn, std::int32_t instance = 1);
     /// Empty when there is no such object.
     std::string wholeDn(const std::string& dn, const std::string& parentDn);
 
@@ -51,12 +61,43 @@ public:
     /// Whether the service has completed its start.
     bool ready();
 
+    /// Starts a client transaction under this id, or one drawn at random, and answers the id. None when
+    /// the service refuses: a transaction of our node with that id is open already.
+    std::optional<std::int32_t> beginTransaction(std::optional<std::int32_t> id = {});
+    /// Carries out what was queued, all or nothing. The transaction has ended, also when this is false
+    /// or throws; after a timeout nobody knows whether it was committed.
+    [[nodiscard]] bool commitTransaction(bool notify = true);
+    /// Drops what was queued. Throws when the service does not confirm it: then it may still be open.
+    void abortTransaction();
+    /// Drops a transaction that an earlier connection of our node left open. False when there is none.
+    [[nodiscard]] bool abortTransaction(std::int32_t id);
+    bool inTransaction() const;
+
+    /// Subscribes our node and answers the ticket. Subscribing twice brings everything twice.
+    std::int32_t subscribe(const SubscriptionKey& key);
+    /// Takes one subscription back; false when there is none.
+    bool unsubscribe(std::int32_t ticket);
+    bool unsubscribe(const SubscriptionKey& key);
+    /// Takes back all subscriptions of our node, those of earlier connections too.
+    void unsubscribeAll();
+
+    /// Who is connected, this client included, by ascending node id. The answer's `total` is more
+    /// than its records when they did not fit.
+    TAMO::Messages::TAMO_ListClientsRsp clients();
+    /// Which keys have which tickets and clients; `total` as above.
+    TAMO::Messages::TAMO_ListSubscriptionsRsp subscriptions();
+
 private:
     template <class Request>
     bool write(const DBObject& object, std::int32_t operation);
     std::vector<std::unique_ptr<DBObject>> unpack(const TAMO::Messages::ListAnswer& answer, const std::string& what);
 
+    std::unique_ptr<Attribute> fetchAttributeOfObject(const std::string& dn, const std::string& name);
+    bool removeQueuedAttribute(const std::string& dn, const std::string& name);
+
     ServiceClient& m_client;
+    QueuedObjects m_queued;
+    std::int64_t m_operations = 0; ///< queued
 };
 
 /// An object of that whole DN, without attributes, as a client makes it: the parent's DN split off.

@@ -13,6 +13,8 @@ ExitCode exitCodeOf(Trouble trouble)
         return ExitCode::timeout;
     case Trouble::tooLarge:
         return ExitCode::usage;
+    case Trouble::missed:
+        return ExitCode::incomplete;
     case Trouble::noService:
     case Trouble::protocol: // whatever is there, it is not the service
         break;

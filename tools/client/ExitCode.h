@@ -10,6 +10,8 @@ enum class ExitCode {
     notFound = 3,
     noService = 4,
     timeout = 5,
+    incomplete = 6,    ///< a watch missed notifications or lost its connection
+    interrupted = 130, ///< by a signal, before what was begun could be completed
 };
 
 ExitCode exitCodeOf(Trouble trouble);

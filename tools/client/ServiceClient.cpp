@@ -114,12 +114,13 @@ void ServiceClient::greet(Deadline deadline)
     m_service = hello.node;
 }
 
-void ServiceClient::exchange(Messages::TransactionMessage& message, Messages::TransactionMessage& answer)
+void ServiceClient::exchange(Messages::TransactionMessage& message, Messages::TransactionMessage& answer,
+                             std::chrono::milliseconds extra)
 {
     if (m_socket < 0)
         fail(Trouble::noService, "not connected any more");
-    const Deadline deadline = Clock::now() + m_options.timeout;
-    message.transId = drawTransactionId();
+    const Deadline deadline = Clock::now() + m_options.timeout + extra;
+    message.transId = m_transaction ? *m_transaction : drawTransactionId();
     send(message, deadline);
     for (;;) {
         RawMessage raw = receive(deadline);
@@ -135,6 +136,34 @@ void ServiceClient::exchange(Messages::TransactionMessage& message, Messages::Tr
         if (!readable && (!answer.hasTransId() || answer.transId == message.transId))
             fail(Trouble::protocol, "an answer that cannot be read");
     }
+}
+
+std::optional<RawMessage> ServiceClient::nextNotification(Clock::time_point until, int interrupt)
+{
+    if (!m_notifications.empty()) {
+        RawMessage next = std::move(m_notifications.front());
+        m_notifications.pop_front();
+        return next;
+    }
+    if (m_socket < 0)
+        fail(Trouble::noService, "not connected any more");
+    // What follows a gap waits until the gap is told.
+    for (RawMessage raw; m_missed == 0;) {
+        if (!takeFrame(raw)) {
+            if (!waitFor(POLLIN, until, interrupt))
+                return std::nullopt;
+            readMore();
+            continue;
+        }
+        if (raw.id != Messages::TAMO_DBNotification::id)
+            continue; // the late answer to a request that was given up
+        if (m_missed == 0)
+            return raw;
+        m_notifications.push_back(std::move(raw));
+    }
+    throw ClientError(Trouble::missed, m_path + ": missing messages: " + std::to_string(std::exchange(m_missed, 0)) +
+                                           "; the service dropped them because they were not "
+                                           "read in time");
 }
 
 std::int32_t ServiceClient::drawTransactionId()
@@ -160,11 +189,9 @@ void ServiceClient::send(const Messages::Message& message, Deadline deadline)
         if (step >= 0)
             sent += static_cast<std::size_t>(step);
         else if (errno == EAGAIN) {
-            try {
-                waitFor(POLLOUT, deadline);
-            } catch (const ClientError&) {
+            if (!waitFor(POLLOUT, deadline)) {
                 close(); // half a frame is out; what follows could not be understood
-                throw;
+                failTimeout();
             }
         } else if (errno != EINTR)
             fail(Trouble::noService, std::string("connection lost: ") + std::strerror(errno));
@@ -174,8 +201,11 @@ void ServiceClient::send(const Messages::Message& message, Deadline deadline)
 RawMessage ServiceClient::receive(Deadline deadline)
 {
     RawMessage message;
-    while (!takeFrame(message))
-        readMore(deadline);
+    while (!takeFrame(message)) {
+        if (!waitFor(POLLIN, deadline))
+            failTimeout();
+        readMore();
+    }
     return message;
 }
 
@@ -189,10 +219,12 @@ bool ServiceClient::takeFrame(RawMessage& message)
         fail(Trouble::protocol, "a frame of " + std::to_string(header.length) + " bytes");
     if (held < Wire::headerSize + header.length)
         return false;
-    if (header.sequence != m_nextIn)
+    const std::uint32_t skipped = header.sequence - m_nextIn; // the numbers wrap around
+    if (skipped > std::numeric_limits<std::uint32_t>::max() / 2)
         fail(Trouble::protocol,
              "frame " + std::to_string(header.sequence) + " came where " + std::to_string(m_nextIn) + " was due");
-    ++m_nextIn;
+    m_missed += skipped;
+    m_nextIn = header.sequence + 1;
     message.id = header.id;
     message.sender = header.sender;
     message.receiver = header.receiver;
@@ -203,9 +235,8 @@ bool ServiceClient::takeFrame(RawMessage& message)
     return true;
 }
 
-void ServiceClient::readMore(Deadline deadline)
+void ServiceClient::readMore()
 {
-    waitFor(POLLIN, deadline);
     if (m_used > 0)
         std::memmove(m_input.data(), m_input.data() + m_used, m_filled - m_used);
     m_filled -= std::exchange(m_used, 0);
@@ -221,18 +252,25 @@ void ServiceClient::readMore(Deadline deadline)
         fail(Trouble::noService, std::string("connection lost: ") + std::strerror(errno));
 }
 
-void ServiceClient::waitFor(short events, Deadline deadline)
+bool ServiceClient::waitFor(short events, Deadline deadline, int interrupt)
 {
     for (;;) {
         // Rounded up: a wait that ends a moment early would spin.
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0)
-            throw ClientError(Trouble::timeout,
-                              m_path + ": no answer within " + std::to_string(m_options.timeout.count()) + " ms");
-        pollfd poll{m_socket, events, 0};
-        if (::poll(&poll, 1, static_cast<int>(std::min<std::int64_t>(left.count(), 60000))) > 0)
-            return;
+            return false;
+        pollfd polls[] = {{m_socket, events, 0}, {interrupt, POLLIN, 0}};
+        if (::poll(polls, 2, static_cast<int>(std::min<std::int64_t>(left.count(), 60000))) > 0)
+            return polls[1].revents == 0;
     }
+}
+
+void ServiceClient::failTimeout()
+{
+    std::string why = m_path + ": no answer within " + std::to_string(m_options.timeout.count()) + " ms";
+    if (m_missed > 0)
+        why += "; the service has dropped " + std::to_string(m_missed) + " messages to us, perhaps the answer too";
+    throw ClientError(Trouble::timeout, why);
 }
 
 void ServiceClient::close()
@@ -240,7 +278,7 @@ void ServiceClient::close()
     if (m_socket >= 0)
         ::close(m_socket);
     m_socket = -1;
-    m_nextOut = m_nextIn = 0;
+    m_nextOut = m_nextIn = m_missed = 0;
     m_used = m_filled = 0;
 }
 

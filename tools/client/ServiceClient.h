@@ -17,6 +17,7 @@ enum class Trouble {
     timeout,   ///< no answer in time
     protocol,  ///< what came is not what the protocol allows; the connection is closed
     tooLarge,  ///< the request does not fit in a frame; nothing was sent
+    missed,    ///< the service dropped messages to us because we did not read them in time; the connection lives
 };
 
 class ClientError : public std::runtime_error {
@@ -31,6 +32,8 @@ public:
 /// late belongs to no request any more and is dropped.
 class ServiceClient {
 public:
+    using Clock = std::chrono::steady_clock;
+
     struct Options {
         std::string directory;                    ///< of the sockets; the service's is db.sock
         std::string name = "client";              ///< what the service's operator sees
@@ -47,25 +50,39 @@ public:
 
     std::int32_t node() const { return m_node; }
 
-    /// Sends the request under a transaction id drawn at random and waits for its answer, the one
-    /// with the answer's number and that transaction id. Throws a ClientError when none comes.
+    /// Sends the request under the transaction id that was set, else one drawn at random, and waits
+    /// for its answer, the one with the answer's number and that transaction id; `extra` is added to
+    /// the timeout. Throws a ClientError when none comes.
     template <class Answer>
-    Answer request(TAMO::Messages::TransactionMessage& message)
+    Answer request(TAMO::Messages::TransactionMessage& message, std::chrono::milliseconds extra = {})
     {
         Answer answer;
-        exchange(message, answer);
+        exchange(message, answer, extra);
         return answer;
     }
+
+    /// The transaction id of the requests from now on; none draws one for each again. With an id that
+    /// stays the same, the late answer to a request that timed out would be taken for that of the next
+    /// one of its kind: after a timeout there is nothing left but to abort.
+    void setTransaction(std::optional<std::int32_t> id) { m_transaction = id; }
+    std::optional<std::int32_t> transaction() const { return m_transaction; }
+    /// From 1 on; one that is in use already is next to impossible.
+    std::int32_t drawTransactionId();
+
+    /// The next notification in the order in which they were sent. None at `until`, and as soon as the
+    /// descriptor `interrupt` is readable (-1: none). Throws a ClientError when the connection is lost,
+    /// and (missed), once, when the numbers of the frames tell that the service has dropped messages;
+    /// what came before them has been given then.
+    std::optional<RawMessage> nextNotification(Clock::time_point until, int interrupt = -1);
 
     /// Notifications that arrived while something else was awaited, oldest first.
     std::deque<RawMessage>& notifications() { return m_notifications; }
 
 private:
-    using Clock = std::chrono::steady_clock;
     using Deadline = Clock::time_point;
 
-    void exchange(TAMO::Messages::TransactionMessage& message, TAMO::Messages::TransactionMessage& answer);
-    std::int32_t drawTransactionId();
+    void exchange(TAMO::Messages::TransactionMessage& message, TAMO::Messages::TransactionMessage& answer,
+                  std::chrono::milliseconds extra);
 
     void connectAs(std::int32_t node, Deadline deadline);
     void connectFirstFree(Deadline deadline);
@@ -74,8 +91,10 @@ private:
     void send(const TAMO::Messages::Message& message, Deadline deadline);
     RawMessage receive(Deadline deadline);
     bool takeFrame(RawMessage& message);
-    void readMore(Deadline deadline);
-    void waitFor(short events, Deadline deadline);
+    void readMore();
+    /// False at the deadline, and when `interrupt` is readable.
+    bool waitFor(short events, Deadline deadline, int interrupt = -1);
+    [[noreturn]] void failTimeout();
     void close();
     [[noreturn]] void fail(Trouble kind, const std::string& why);
 
@@ -90,5 +109,7 @@ private:
     std::size_t m_filled = 0; ///< and those before m_used are taken
     std::size_t m_used = 0;
     std::deque<RawMessage> m_notifications;
+    std::uint32_t m_missed = 0; ///< frames the service has dropped, as yet unreported
+    std::optional<std::int32_t> m_transaction;
     std::mt19937 m_random{std::random_device{}()};
 };

@@ -21,6 +21,12 @@ Database& Context::database()
     return *m_database;
 }
 
+ServiceClient& Context::client()
+{
+    database();
+    return *m_client;
+}
+
 void Context::print(const std::string& line)
 {
     if (!(std::cout << line << '\n'))
@@ -29,6 +35,8 @@ void Context::print(const std::string& line)
 
 void Context::printDone(const std::string& text, const std::string& members)
 {
+    if (m_database && m_database->inTransaction())
+        return;
     if (json())
         print(R"({"success": true)" + (members.empty() ? "" : ", " + members) + "}");
     else

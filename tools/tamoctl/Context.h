@@ -24,13 +24,16 @@ public:
     ~Context();
 
     Database& database();
+    /// The connection behind database().
+    ServiceClient& client();
     const GlobalOptions& options() const { return m_options; }
     bool json() const { return m_options.json; }
 
     /// A line on standard output. Throws a Failure when it cannot be written.
     void print(const std::string& line);
     /// The result of a write: {"success": true} with JSON, otherwise the text. `members` are further
-    /// JSON members, such as "\"imported\": 3".
+    /// JSON members, such as "\"imported\": 3". Nothing inside a transaction, where a write is only
+    /// queued.
     void printDone(const std::string& text, const std::string& members = {});
 
 private:

@@ -28,13 +28,6 @@ void addRows(std::vector<Row>& rows, const DBObject::Attributes& attributes, con
             {printable(name) + suffix, typeName(attribute.type), flagsOf(attribute), jsonValue(attribute.value)});
 }
 
-/// Columns on the screen that a text takes: its UTF-8 characters.
-std::size_t widthOf(const std::string& text)
-{
-    return static_cast<std::size_t>(
-        std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
-}
-
 } // namespace
 
 std::string objectText(const DBObject& object, const std::string& dn)
@@ -47,12 +40,12 @@ std::string objectText(const DBObject& object, const std::string& dn)
     std::array<std::size_t, 3> widths{};
     for (const Row& row : rows)
         for (std::size_t column = 0; column < widths.size(); ++column)
-            widths[column] = std::max(widths[column], widthOf(row[column]));
+            widths[column] = std::max(widths[column], screenWidth(row[column]));
     for (const Row& row : rows) {
         text += "\n  ";
         for (std::size_t column = 0; column < widths.size(); ++column)
             if (widths[column] > 0)
-                text.append(row[column]).append(widths[column] + 2 - widthOf(row[column]), ' ');
+                text.append(row[column]).append(widths[column] + 2 - screenWidth(row[column]), ' ');
         text += row.back();
     }
     return text;

@@ -22,7 +22,8 @@ DNs are whole DNs ("ManagedElement=1,FAPService=1"); a pair that holds a comma s
 TYPE is INT8, INT16, INT32, INT64, UINT8, UINT16, UINT32, UINT64, string, boolean, reference, ENUM, text,
 DECIMAL64, FLOAT or a type code; string when left out.
 
-Exit codes: 0 success, 1 refused by the service, 2 usage, 3 not found, 4 no service, 5 timeout.
+Exit codes: 0 success, 1 refused by the service, 2 usage, 3 not found, 4 no service, 5 timeout, 6 a watch missed
+notifications or lost its connection, 130 interrupted (a transaction: aborted).
 )";
 
 std::int32_t nodeOf(const std::string& client)
@@ -32,6 +33,47 @@ std::int32_t nodeOf(const std::string& client)
         throw Failure(ExitCode::usage,
                       "--as " + client + ": neither a node id from 1 on nor one of " + clientNameList());
     return *node;
+}
+
+/// A command line and the commands that a transaction takes from it.
+struct SplitLine {
+    std::vector<std::string> words;
+    Commands commands; ///< what stands behind "--", apart at each further one
+};
+
+/// The verb: the first word that is neither an option nor an option's value.
+std::string verbOf(const CLI::App& app, const std::vector<std::string>& words)
+{
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        if (!words[i].starts_with('-'))
+            return words[i];
+        const CLI::Option* option = app.get_option_no_throw(words[i]);
+        i += option && option->get_items_expected() > 0;
+    }
+    return {};
+}
+
+SplitLine splitCommands(const CLI::App& app, std::vector<std::string> words)
+{
+    auto mark = std::find(words.begin(), words.end(), "--");
+    if (mark == words.end() || verbOf(app, words) != "transaction")
+        return {std::move(words), {}};
+    SplitLine line{{words.begin(), mark}, {}};
+    while (mark != words.end()) {
+        const auto end = std::find(mark + 1, words.end(), "--");
+        if (mark + 1 == end)
+            throw Failure(ExitCode::usage, "a command is missing behind \"--\"");
+        line.commands.emplace_back(mark + 1, end);
+        mark = end;
+    }
+    return line;
+}
+
+/// Parses words with the verbs added to `app`.
+void parseWords(CLI::App& app, std::vector<std::string> words)
+{
+    std::reverse(words.begin(), words.end()); // the library takes them from the back
+    app.parse(std::move(words));
 }
 
 /// The text of a CLI error on one line, without the library's own decoration.
@@ -54,6 +96,7 @@ void addRequestVerbs(CLI::App& app, Action& chosen)
     addWriteVerbs(app, chosen);
     addTransferVerbs(app, chosen);
     addServiceVerbs(app, chosen);
+    addDiagnosticVerbs(app, chosen);
     for (CLI::App* verb : app.get_subcommands({}))
         verb->fallthrough(); // global options may stand behind the verb
 }
@@ -77,10 +120,13 @@ std::optional<CommandLine> parseCommandLine(int argc, char** argv)
     app.get_formatter()->label("SUBCOMMAND", "VERB ...");
     app.get_formatter()->label("Subcommands", "Verbs");
     app.require_subcommand(1);
+    SplitLine split = splitCommands(app, {argv + 1, argv + argc});
     addBatchVerb(app, line.verb);
+    addWatchVerb(app, line.verb);
+    addTransactionVerb(app, line.verb, std::move(split.commands));
     addRequestVerbs(app, line.verb);
     try {
-        app.parse(argc, argv);
+        parseWords(app, std::move(split.words));
     } catch (const CLI::Success& asked) {
         app.exit(asked);
         return std::nullopt;
@@ -99,10 +145,12 @@ Action parseVerb(std::vector<std::string> words)
     Action verb;
     CLI::App app("A line of a script", "");
     app.require_subcommand(1);
+    SplitLine split = splitCommands(app, std::move(words));
+    addWatchVerb(app, verb);
+    addTransactionVerb(app, verb, std::move(split.commands));
     addRequestVerbs(app, verb);
-    std::reverse(words.begin(), words.end()); // the library takes them from the back
     try {
-        app.parse(std::move(words));
+        parseWords(app, std::move(split.words));
     } catch (const CLI::Success&) {
         throw Failure(ExitCode::usage, "a line of a script cannot ask for help");
     } catch (const CLI::ParseError& error) {

@@ -124,6 +124,9 @@ void addInstances(CLI::App& app, Action& chosen)
             // The service lists the objects without a parent when it does not find the one named.
             if (!parent.empty() && !context.database().exists(parent))
                 notFound(parent);
+            if (!parent.empty() && context.database().inTransaction() && !context.database().isCommitted(parent))
+                throw Failure(ExitCode::refused,
+                              printable(parent) + " is not committed yet: its instances cannot be listed");
             const auto instances = context.database().instances(arguments->name, parent);
             if (context.json())
                 return context.print(jsonArray(instances, jsonText));

@@ -4,6 +4,7 @@
 
 #include "tools/tamoctl/Failure.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 
@@ -172,6 +173,12 @@ std::string printable(std::string_view text)
         }
     }
     return shown;
+}
+
+std::size_t screenWidth(std::string_view text)
+{
+    return static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
 }
 
 std::vector<std::string> splitWords(std::string_view line) { return WordReader(line).words(); }

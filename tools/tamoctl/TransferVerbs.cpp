@@ -3,9 +3,11 @@
 #include "tools/tamoctl/DnArgument.h"
 #include "tools/tamoctl/Failure.h"
 #include "tools/tamoctl/InputFile.h"
+#include "tools/tamoctl/Interruption.h"
 #include "tools/tamoctl/ObjectJson.h"
 #include "tools/tamoctl/ParentCheck.h"
 #include "tools/tamoctl/ProgressBar.h"
+#include "tools/tamoctl/ScopedTransaction.h"
 #include "tools/tamoctl/TextCoding.h"
 #include "tools/tamoctl/TreeWalk.h"
 #include "tools/tamoctl/Verbs.h"
@@ -87,9 +89,9 @@ void importLine(Database& database, ParentCheck& parents, const std::string& lin
     parents.addInserted(dn);
 }
 
-void importFile(Context& context, const std::string& path, bool alwaysShowProgress)
+/// A signal is looked at only inside a transaction, which it aborts; otherwise it ends the process.
+std::uint64_t importLines(Context& context, InputFile& file, bool alwaysShowProgress, const Interruption* interruption)
 {
-    InputFile file(path);
     ProgressBar progress(alwaysShowProgress || ::isatty(STDERR_FILENO) == 1, file.size());
     ParentCheck parents(context.database());
     std::uint64_t imported = 0;
@@ -98,13 +100,45 @@ void importFile(Context& context, const std::string& path, bool alwaysShowProgre
         while (file.nextLine(line)) {
             importLine(context.database(), parents, line);
             progress.update(file.bytesRead(), ++imported);
+            if (interruption && interruption->came())
+                throw Failure(ExitCode::interrupted, "interrupted");
         }
     } catch (const std::exception& error) {
         const Failure failure = failureOf(error);
         throw Failure(failure.code, file.name() + " line " + std::to_string(file.lineNumber()) + ": " + failure.what() +
-                                        " (" + std::to_string(imported) + " imported before it)");
+                                        " (" + std::to_string(imported) + " " +
+                                        (context.database().inTransaction() ? "queued" : "imported") + " before it)");
     }
     progress.finish(imported);
+    return imported;
+}
+
+std::uint64_t importInTransaction(Context& context, const std::string& path, bool alwaysShowProgress)
+{
+    const Interruption interruption;
+    InputFile file(path, &interruption);
+    ScopedTransaction transaction(context);
+    std::uint64_t imported = 0;
+    try {
+        imported = importLines(context, file, alwaysShowProgress, &interruption);
+        if (interruption.came()) // who feeds us may have been ended by the same signal, in the middle
+            throw Failure(ExitCode::interrupted, "interrupted");
+    } catch (const Failure& failure) {
+        throw Failure(failure.code, std::string(failure.what()) + "; " + transaction.abandon());
+    }
+    transaction.commit(true);
+    return imported;
+}
+
+void importFile(Context& context, const std::string& path, bool alwaysShowProgress, bool inTransaction)
+{
+    std::uint64_t imported = 0;
+    if (inTransaction) {
+        imported = importInTransaction(context, path, alwaysShowProgress);
+    } else {
+        InputFile file(path);
+        imported = importLines(context, file, alwaysShowProgress, nullptr);
+    }
     context.printDone("imported " + std::to_string(imported) + (imported == 1 ? " object" : " objects"),
                       "\"imported\": " + std::to_string(imported));
 }
@@ -114,13 +148,17 @@ void addImport(CLI::App& app, Action& chosen)
     struct Arguments {
         std::string file;
         bool progress = false;
+        bool transaction = false;
     };
     auto arguments = std::make_shared<Arguments>();
     CLI::App* verb = app.add_subcommand("import", "Insert the objects of a file, a JSON line each, parents first");
     verb->add_option("FILE", arguments->file, "What export wrote; - for standard input")->required();
     verb->add_flag("--progress", arguments->progress, "Show a progress bar even when standard error is no terminal");
+    verb->add_flag("--transaction", arguments->transaction, "All or nothing: import inside one transaction");
     verb->callback([arguments, &chosen] {
-        chosen = [arguments](Context& context) { importFile(context, arguments->file, arguments->progress); };
+        chosen = [arguments](Context& context) {
+            importFile(context, arguments->file, arguments->progress, arguments->transaction);
+        };
     });
 }
 

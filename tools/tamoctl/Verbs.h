@@ -5,6 +5,9 @@
 #include <string>
 #include <vector>
 
+/// Verbs with their arguments, in words.
+using Commands = std::vector<std::vector<std::string>>;
+
 namespace CLI {
 class App;
 }
@@ -16,8 +19,14 @@ void addWriteVerbs(CLI::App& app, Action& chosen);
 /// tree, import, export: verbs that make many requests.
 void addTransferVerbs(CLI::App& app, Action& chosen);
 void addServiceVerbs(CLI::App& app, Action& chosen);
+/// clients, subscriptions: what the service knows of those it serves.
+void addDiagnosticVerbs(CLI::App& app, Action& chosen);
+/// Shows notifications until it is told to end.
+void addWatchVerb(CLI::App& app, Action& chosen);
+/// Runs a script, or `commands`, inside a client transaction.
+void addTransactionVerb(CLI::App& app, Action& chosen, Commands commands);
 /// Reads verbs from a script; a line of a script cannot be one.
 void addBatchVerb(CLI::App& app, Action& chosen);
 
-/// All verbs but batch.
+/// All verbs but batch, watch and transaction.
 void addRequestVerbs(CLI::App& app, Action& chosen);
