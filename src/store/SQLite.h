@@ -302,7 +302,7 @@ private:
     ~SQLite();
     void createRuntimeDatabase();
     void closeRuntime();
-    static int refuseCommit(void* store);
+    static int sql_commitCallback(void* store);
     static void sql_updateCallback(void* store, int operation, const char* database, const char* table,
                                    long long rowId);
 
@@ -391,6 +391,7 @@ private:
     bool m_attributeSynchronisationEnabled = false;
     bool m_commonDatabaseLocked = false;
     bool m_transactionOpen = false;
+    bool m_committing = false;
     bool m_checkingIntegrity = false;
     std::int32_t m_resetReason = 12;
 

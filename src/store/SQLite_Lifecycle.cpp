@@ -87,7 +87,7 @@ void SQLite::createRuntimeDatabase()
     if (m_runtime->execute("PRAGMA journal_mode = MEMORY; PRAGMA cache_spill = OFF;") != SQLITE_OK)
         LOG_ERROR("Unable to keep the journal in memory: %s", m_runtime->message());
     sqlite3_update_hook(m_runtime->handle(), &SQLite::sql_updateCallback, this);
-    sqlite3_commit_hook(m_runtime->handle(), &SQLite::refuseCommit, this);
+    sqlite3_commit_hook(m_runtime->handle(), &SQLite::sql_commitCallback, this);
 }
 
 void SQLite::closeRuntime()

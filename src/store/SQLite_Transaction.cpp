@@ -83,7 +83,10 @@ bool SQLite::sql_commit_transaction()
     if (unavailable(__func__))
         return false;
     const char* const text = "COMMIT TRANSACTION";
-    const int result = run(m_runtime, text);
+    const int result = [&] {
+        const FlagScope committing(m_committing);
+        return run(m_runtime, text);
+    }();
     LOG_DEBUG("SQLite::sql_commit_transaction(): ret value: %d, msg: %s, buf: %s", result,
               errorText(*m_runtime, result), text);
     if (result == SQLITE_OK) {
@@ -124,4 +127,11 @@ void SQLite::saveAfterCommit()
                   m_databaseFile.c_str());
 }
 
-int SQLite::refuseCommit(void* store) { return static_cast<SQLite*>(store)->shutDownOngoing("sql_commitCallback"); }
+int SQLite::sql_commitCallback(void* store)
+{
+    const auto& self = *static_cast<SQLite*>(store);
+    // SQLite may roll a transaction back by itself. What its writer still does would then be committed
+    // statement by statement.
+    const bool lost = self.m_transactionOpen && !self.m_committing;
+    return self.shutDownOngoing(__func__) || lost ? 1 : 0;
+}

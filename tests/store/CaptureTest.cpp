@@ -200,6 +200,15 @@ TEST_F(Capture, WhatIsRolledBackIsNotTold)
     }
     EXPECT_EQ(recorder.take(), "23 A=1; ");
     ASSERT_TRUE(store().sql_start_transaction());
+    {
+        BrokenStep broken(handle(), "INSERT INTO Attribute");
+        EXPECT_FALSE(insertJoined("B=1", {text("b", "x")}));
+    }
+    EXPECT_FALSE(insertJoined("B=1"));
+    EXPECT_FALSE(updateJoined("A=1", {text("a", "y")})) << "there is no transaction any more";
+    store().sql_rollback_transaction();
+    EXPECT_EQ(committed("select value from Attribute"), "x");
+    ASSERT_TRUE(store().sql_start_transaction());
     EXPECT_TRUE(insertJoined("B=1", {text("b", "x")}));
     EXPECT_TRUE(removeJoined("A=1"));
     EXPECT_TRUE(store().sql_rollback_transaction());
