@@ -360,6 +360,7 @@ private:
     void captureDeletion(std::int32_t objectId);
     void captureAttributeDeletion(std::int32_t objectId, const std::string& name);
     bool capturesDeletions() const;
+    StorageKind kindOf(StorageKind table) const;
     /// False while another database is swapped in, whose changes are nobody's business.
     bool onOwnRuntime() const { return m_runtime == m_ownRuntime.get(); }
     NotificationList& activeList();

@@ -140,7 +140,7 @@ void SQLite::sql_collectOnePair_DBObject(Connection* connection, int operation, 
     item.MOInstance = row.integer(3);
     item.isMOMObject = row.integer(4) != 0;
     item.operation = operation;
-    item.storageKind = m_loadingAlternateStorage ? storageLoading : storageLive;
+    item.storageKind = kindOf(storageLive);
     if (item.MOInstance == 0)
         LOG_DEBUG("SQLite::%s, got 0 instance. Notifications may be erroneous.", __func__);
     item.wholeDn = wholeDnField(item.dn, static_cast<std::int32_t>(rowId), parentId);
@@ -241,7 +241,7 @@ void SQLite::sql_collectOnePair_Attribute(Connection* connection, int operation,
     else
         LOG_ERROR("SQLite::%s, Attribute value type invalid!", __func__);
     item.hidden = row.integer(3) != 0;
-    item.storageKind = m_loadingAlternateStorage ? storageLoading : alternate ? storageAlternate : storageLive;
+    item.storageKind = kindOf(alternate ? storageAlternate : storageLive);
     if (isStructMember(item)) {
         const std::size_t colon = item.dn.find(':');
         if (NotificationItem* const ofOwner =
@@ -265,7 +265,7 @@ void SQLite::captureDeletion(std::int32_t objectId)
     if (!object)
         return;
     NotificationItem item = itemOf(*object, get_whole_dn(objectId), changeDelete);
-    item.storageKind = m_loadingAlternateStorage ? storageLoading : storageLive;
+    item.storageKind = kindOf(storageLive);
     activeList().append(item);
     for (const auto& entry : object->attributes)
         activeList().append(itemOf(item, entry.second));
@@ -278,9 +278,11 @@ void SQLite::captureAttributeDeletion(std::int32_t objectId, const std::string& 
     if (!attribute)
         return;
     NotificationItem item = itemOf(itemOf(*object, get_whole_dn(objectId), changeDelete), *attribute);
-    item.storageKind = m_loadingAlternateStorage ? storageLoading : storageLive;
+    item.storageKind = kindOf(storageLive);
     activeList().append(std::move(item));
 }
+
+StorageKind SQLite::kindOf(StorageKind table) const { return m_loadingAlternateStorage ? storageLoading : table; }
 
 bool SQLite::capturesDeletions() const { return onOwnRuntime() && !m_notificationsDisabled; }
 
