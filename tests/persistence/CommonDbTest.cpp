@@ -1,6 +1,7 @@
 // The common database: what is written there, and what stays untouched meanwhile.
 
 #include "tests/support/Faults.h"
+#include "tests/support/Recorder.h"
 #include "tests/support/TempStore.h"
 
 #include "store/FileLocations.h"
@@ -46,7 +47,9 @@ TEST_F(CommonDb, NothingElseIsTouched)
     const std::string before = everything();
     const std::int32_t id = idOf("A=1");
     fs::remove(path("dump/DatabaseDump"));
+    Recorder recorder;
     ASSERT_TRUE(write({attribute("brmOngoing", true)}));
+    EXPECT_EQ(recorder.take(), "");
     EXPECT_EQ(everything(), before);
     EXPECT_EQ(store().databaseFile(), dumpFile());
     EXPECT_EQ(idOf("A=1"), id);

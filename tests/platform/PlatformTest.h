@@ -5,6 +5,7 @@
 #include "platform/host/MessageNode.h"
 #include "platform/messages/Requests.h"
 #include "platform/middleware/mw_api.h"
+#include "tests/support/LogLines.h"
 
 #include <gtest/gtest.h>
 
@@ -39,36 +40,6 @@ bool eventually(Condition condition, std::chrono::milliseconds patience = std::c
     }
     return true;
 }
-
-/// The lines logged while it lives.
-class LogLines {
-public:
-    LogLines()
-    {
-        mw_log::setSink([this](unsigned level, const std::string& text) {
-            const std::lock_guard lock(m_mutex);
-            m_lines.emplace_back(level, text);
-        });
-    }
-    ~LogLines() { mw_log::setSink(nullptr); }
-
-    int count(unsigned level, const std::string& part = "") const
-    {
-        const std::lock_guard lock(m_mutex);
-        int found = 0;
-        for (const auto& [of, text] : m_lines)
-            found += of == level && text.find(part) != std::string::npos;
-        return found;
-    }
-    bool has(unsigned level, const std::string& part) const
-    {
-        return eventually([&] { return count(level, part) > 0; }, std::chrono::seconds(5));
-    }
-
-private:
-    mutable std::mutex m_mutex;
-    std::vector<std::pair<unsigned, std::string>> m_lines;
-};
 
 class PlatformTest : public testing::Test {
 protected:

@@ -1,10 +1,11 @@
 #pragma once
 
+#include "tests/support/ScopedVariable.h"
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <optional>
 #include <string>
 
 /// A directory of its own for one test, gone afterwards.
@@ -32,23 +33,4 @@ public:
 
 private:
     std::filesystem::path m_path;
-};
-
-/// Sets (or, with null, unsets) an environment variable for one scope.
-class ScopedVariable {
-public:
-    ScopedVariable(const char* name, const char* value) : m_name(name)
-    {
-        if (const char* old = std::getenv(name))
-            m_old = old;
-        set(value);
-    }
-    ~ScopedVariable() { set(m_old ? m_old->c_str() : nullptr); }
-    ScopedVariable(const ScopedVariable&) = delete;
-    ScopedVariable& operator=(const ScopedVariable&) = delete;
-
-private:
-    void set(const char* value) { value ? setenv(m_name, value, 1) : unsetenv(m_name); }
-    const char* m_name;
-    std::optional<std::string> m_old;
 };

@@ -7,6 +7,7 @@
 #include "values/ValueType.h"
 
 #include <algorithm>
+#include <optional>
 #include <set>
 #include <span>
 
@@ -18,8 +19,6 @@ constexpr std::int32_t inserted = 18;
 constexpr std::int32_t updated = 23;
 constexpr std::int32_t deleted = 9;
 constexpr const char* reservedBy = "reservedBy";
-
-bool isStructure(const DBObject& object) { return object.dn.find(':') != std::string::npos && !object.isMOMObject; }
 
 bool isReference(const Attribute& attribute)
 {
@@ -82,7 +81,7 @@ std::vector<ModelChange> folded(std::span<const ModelChange> changes)
     for (const auto& [name, run] : byAttribute) {
         const std::int32_t from = run.front().operation;
         ModelChange result = run.back();
-        if (from == inserted && result.operation == deleted && !run.front().implied) {
+        if (from == inserted && result.operation == deleted) {
             if (result.ofObject())
                 return told;
             continue;
@@ -98,13 +97,9 @@ std::vector<ModelChange> folded(std::span<const ModelChange> changes)
     return told;
 }
 
-/// What is told of one object: up to its deletion, and from its creation after that. Adds those that
-/// came and went to `vanished`, and says nothing of the members of one that did.
-std::vector<ModelChange> toldOf(std::span<const ModelChange> changes, std::set<std::string>& vanished)
+/// What is told of one object: up to its deletion, and from its creation after that.
+std::vector<ModelChange> toldOf(std::span<const ModelChange> changes)
 {
-    const ModelChange& any = changes.front();
-    if (any.dn.find(':') != std::string::npos && !any.mom && vanished.contains(splitOwnPair(any.wholeDn).parent))
-        return {};
     std::int32_t last = 0;
     std::size_t second = 0;
     for (; second < changes.size() && !(changes[second].ofObject() && last == deleted); ++second)
@@ -112,8 +107,6 @@ std::vector<ModelChange> toldOf(std::span<const ModelChange> changes, std::set<s
             last = changes[second].operation;
     std::vector<ModelChange> told = folded(changes.first(second));
     const std::vector<ModelChange> rest = folded(changes.subspan(second));
-    if (second < changes.size() ? rest.empty() : told.empty())
-        vanished.insert(any.wholeDn);
     if (!rest.empty() && rest.front().operation != deleted)
         told.insert(told.end(), rest.begin(), rest.end());
     return told;
@@ -148,12 +141,6 @@ std::string ModelTree::locate(const std::string& dn, std::int32_t instance) cons
             if (object.dn == dn && object.MOInstance == instance)
                 return key;
     return "";
-}
-
-std::size_t ModelTree::named(const std::string& pair) const
-{
-    return static_cast<std::size_t>(
-        std::ranges::count_if(objects, [&](const auto& entry) { return entry.second.dn == pair; }));
 }
 
 /// Where the object stands or would stand: at the top when its parent is not there. Nothing stands
@@ -237,7 +224,7 @@ bool ModelTree::remove(const std::string& dn, std::int32_t instance)
         return false;
     std::vector<std::string> family;
     for (const auto& [key, object] : objects)
-        if (isBelow(key, top) && !isStructure(object))
+        if (isBelow(key, top))
             family.push_back(key);
     const std::vector<std::string> descendants = family;
     family.push_back(top);
@@ -283,7 +270,7 @@ void ModelTree::note(const std::string& key, std::int32_t operation, const Attri
 }
 
 /// An object whose row changes twice is told of at the place of the second time.
-void ModelTree::noteOnce(const std::string& key, std::int32_t operation)
+void ModelTree::noteObject(const std::string& key, std::int32_t operation)
 {
     const auto earlier = std::ranges::find_if(changes, [&](const ModelChange& change) {
         return change.ofObject() && change.wholeDn == key && change.operation == operation;
@@ -291,31 +278,6 @@ void ModelTree::noteOnce(const std::string& key, std::int32_t operation)
     if (earlier != changes.end())
         changes.erase(earlier);
     note(key, operation);
-}
-
-/// An object's row changed. A structure's change is told as one of its owner's attribute, too.
-void ModelTree::noteObject(const std::string& key, std::int32_t operation)
-{
-    const DBObject& object = objects.at(key);
-    if (isStructure(object) && !object.parentDn.empty()) {
-        const DBObject& owner = objects.at(object.parentDn);
-        const std::string member = object.dn.substr(object.dn.find(':') + 1);
-        const bool numbered = member.find('=') != std::string::npos;
-        std::int32_t ownerOperation = operation;
-        bool implied = true; // that the owner changed, not that it was made
-        for (const ModelChange& change : changes)
-            if (change.ofObject() && change.wholeDn == object.parentDn) {
-                ownerOperation = change.operation;
-                implied = change.implied;
-            }
-        if (const Attribute* const held = owner.getAttribute(numbered ? classOf(member) : member)) {
-            const auto* const text = std::get_if<std::string>(&held->value);
-            note(object.parentDn, numbered && text && !text->empty() ? updated : operation, held);
-        }
-        noteOnce(object.parentDn, ownerOperation);
-        changes.back().implied = implied;
-    }
-    noteOnce(key, operation);
 }
 
 void ModelTree::refer(const std::string& targets, const std::string& referrer)
@@ -465,10 +427,10 @@ void Model::fetchClass(Asker by, const std::string& moClass)
 {
     std::vector<DBObject> found;
     for (const auto& [key, object] : tree.objects)
-        if (!isStructure(object) && classOf(object.dn) == moClass)
+        if (classOf(object.dn) == moClass)
             found.push_back(object);
     for (const auto& [code, object] : waiting(by)) {
-        if (classOf(object.dn) != moClass || object.dn.find('=') == std::string::npos)
+        if (classOf(object.dn) != moClass)
             continue;
         auto listed = std::ranges::find(found, object.fullDn(), &DBObject::fullDn);
         if (code == operationDelete) {
@@ -496,7 +458,7 @@ void Model::instances(Asker by, const std::string& parentDn, const std::string& 
     const std::string parent = parentDn.empty() ? "" : tree.locate(parentDn, 1);
     std::set<std::string> found;
     for (const auto& [key, object] : tree.objects)
-        if (object.parentDn == parent && !isStructure(object) && classOf(object.dn) == moClass)
+        if (object.parentDn == parent && classOf(object.dn) == moClass)
             found.insert(object.dn.substr(object.dn.rfind('=') + 1));
     for (const auto& [code, object] : waiting(by)) {
         const std::string above =
@@ -542,29 +504,12 @@ bool Model::commit(Asker by, bool quiet)
 {
     const Operations operations = m_open.extract({by.node, by.transId}).mapped();
     ModelTree result = tree;
-    std::vector<Entry> entries;
-    std::int32_t previous = -1;
-    for (const Operation& operation : operations) {
-        const DBObject& object = operation.object;
-        std::string whole = object.parentDn.empty() ? object.dn : result.locate(object.fullDn(), 1);
+    for (const Operation& operation : operations)
         if (!run(result, operation))
             return false;
-        if (whole.empty())
-            whole = result.locate(object.fullDn(), 1);
-        const bool same = previous == operation.code;
-        previous = operation.code;
-        if (const std::size_t colon = object.dn.find(':'); colon != std::string::npos)
-            entries.push_back({object.parentDn, {object.dn.substr(colon + 1)}, operation.code, same});
-        entries.push_back({whole, {}, operation.code, same});
-        for (const auto& [name, attribute] : object.attributes)
-            if (attribute.changed)
-                entries.back().attributes.push_back(name);
-    }
     tree.objects = result.objects;
-    if (!quiet) {
+    if (!quiet)
         tellOf(result.changes);
-        tellTransaction(entries);
-    }
     return true;
 }
 
@@ -595,9 +540,8 @@ void Model::tellOf(const std::vector<ModelChange>& changes)
     for (const ModelChange& change : changes)
         byObject[change.wholeDn].push_back(change);
     std::vector<ModelChange> told;
-    std::set<std::string> vanished;
     for (const auto& [dn, ofOne] : byObject)
-        std::ranges::copy(toldOf(ofOne, vanished), std::back_inserter(told));
+        std::ranges::copy(toldOf(ofOne), std::back_inserter(told));
     std::vector<ModelChange> attributes;
     std::int32_t operation = 0;
     for (std::size_t i = 0; i < told.size(); ++i) {
@@ -649,41 +593,14 @@ void Model::tellItem(const ModelChange& change)
             tell(key + end, text);
 }
 
-void Model::tellTransaction(const std::vector<Entry>& entries)
-{
-    std::string text = "<";
-    for (const Entry& entry : entries) {
-        text += std::to_string(entry.operation) + (entry.sameAsPrevious ? "= " : " ") + entry.wholeDn + ":";
-        for (const std::string& name : entry.attributes)
-            text += " " + name;
-        text += "; ";
-    }
-    if (!entries.empty())
-        tell("TRANSACTIONS", text + ">");
-}
-
 void Model::tell(const std::string& key, const std::string& text)
 {
     const auto found = m_tickets.find(key);
     if (found == m_tickets.end())
         return;
-    const std::string message = std::to_string(found->second) + ":" + text;
-    for (const auto& [ticket, client] : m_subscribers) {
-        if (ticket != found->second)
-            continue;
-        if (client != lateClient || ticket != 1 || !m_buffer)
-            expected[client].push_back(message);
-        else if (ready())
-            m_buffer->push_back(message);
-    }
-}
-
-/// Once the node is ready it stays so, whatever becomes of the object that says it.
-bool Model::ready()
-{
-    const auto oam = tree.objects.find("OAM");
-    m_ready = m_ready || (oam != tree.objects.end() && oam->second.getAttribute("readyForOssSync"));
-    return m_ready;
+    for (const auto& [ticket, client] : m_subscribers)
+        if (ticket == found->second)
+            expected[client].push_back(std::to_string(ticket) + ":" + text);
 }
 
 namespace {
@@ -691,8 +608,6 @@ namespace {
 std::string keyOf(const SubscriptionRequest& request)
 {
     const auto positive = [](std::int32_t number) { return number > 0 ? std::to_string(number) : ""; };
-    if (request.transactions > 0)
-        return "TRANSACTIONS";
     const std::string key = request.notificationForAll > 0
                                 ? ",,,," + positive(request.notificationForAll)
                                 : request.dn + "," + positive(request.MOInstance) + "," + request.attributeName + "," +
@@ -708,13 +623,6 @@ void Model::subscribe(Asker by, const SubscriptionRequest& request)
     const std::int32_t ticket = m_tickets.try_emplace(keyOf(request), next).first->second;
     m_subscribers.emplace_back(ticket, by.node);
     answer(by, "ticket " + std::to_string(ticket));
-    if (ticket != 1 || by.node != lateClient || !m_buffer)
-        return;
-    std::ranges::copy(*m_buffer, std::back_inserter(expected[by.node]));
-    m_buffer.reset();
-    // The buffer's own entry goes, unless the client has given it back already.
-    if (std::ranges::count(m_subscribers, std::pair(ticket, by.node)) > 1)
-        m_subscribers.erase(std::ranges::find(m_subscribers, std::pair(ticket, by.node)));
 }
 
 void Model::unsubscribe(Asker by, const SubscriptionRequest& request, std::int32_t ticket)
@@ -732,7 +640,5 @@ void Model::unsubscribe(Asker by, const SubscriptionRequest& request, std::int32
 void Model::unsubscribeAll(Asker by)
 {
     std::erase_if(m_subscribers, [&](const auto& entry) { return entry.second == by.node; });
-    if (by.node == lateClient)
-        m_buffer.reset();
     answer(by, "yes");
 }

@@ -7,7 +7,6 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,9 +14,9 @@
 /// What the request service is to answer and to tell, worked out on plain maps. It knows nothing of
 /// tables, rows and statements: a tree of objects by whole DN, and what happens to it.
 ///
-/// Where the model stops: own pairs that name several objects are not looked up by the pair alone
-/// (which of them is found is SQLite's choice); only Solo=1 has an MOInstance other than 1, so that no
-/// DN names two objects; reference lists hold text.
+/// Where the model stops: only Solo=1 has an MOInstance other than 1, so that no DN names two objects;
+/// reference lists hold text; there are no members of structs, no summaries of transactions, and nobody
+/// whose notifications wait for it.
 
 /// The texts that predicted and received messages are compared as.
 std::string describe(const Attribute& attribute);
@@ -31,7 +30,6 @@ struct ModelChange {
     bool mom;
     std::int32_t operation; ///< 18 insert, 23 update, 9 delete
     Attribute attribute;
-    bool implied = false; ///< of an owner, by a change of its structure's member
 
     bool ofObject() const { return attribute.name.empty(); }
 };
@@ -42,8 +40,6 @@ class ModelTree {
 public:
     /// Whole DN of the object that a client means; empty when there is none.
     std::string locate(const std::string& dn, std::int32_t instance) const;
-    /// As many objects as the own pair names.
-    std::size_t named(const std::string& pair) const;
     bool insert(const DBObject& object);
     bool update(const DBObject& object);
     bool remove(const std::string& dn, std::int32_t instance);
@@ -57,7 +53,6 @@ private:
     std::string place(const DBObject& object) const;
     void write(const std::string& key, const Attribute& attribute, std::int32_t operation);
     void note(const std::string& key, std::int32_t operation, const Attribute* attribute = nullptr);
-    void noteOnce(const std::string& key, std::int32_t operation);
     void noteObject(const std::string& key, std::int32_t operation);
     void refer(const std::string& targets, const std::string& referrer);
     void withdraw(const std::string& targets, const std::string& referrer, const std::function<void()>& done);
@@ -98,20 +93,12 @@ public:
     ModelTree tree;
     std::map<std::int32_t, std::deque<std::string>> expected; ///< by client
 
-    static constexpr std::int32_t lateClient = 10;
-
 private:
     struct Operation {
         std::int32_t code;
         DBObject object;
     };
     using Operations = std::vector<Operation>;
-    struct Entry {
-        std::string wholeDn;
-        std::vector<std::string> attributes;
-        std::int32_t operation;
-        bool sameAsPrevious;
-    };
 
     const Operations& waiting(Asker by) const;
     void answer(Asker by, const std::string& text);
@@ -121,13 +108,9 @@ private:
     void tellOf(const std::vector<ModelChange>& changes);
     void tellObject(const std::vector<ModelChange>& attributes, const ModelChange& last, std::int32_t operation);
     void tellItem(const ModelChange& change);
-    void tellTransaction(const std::vector<Entry>& entries);
     void tell(const std::string& key, const std::string& text);
-    bool ready();
 
     std::map<std::pair<std::int32_t, std::int32_t>, Operations> m_open;
-    std::map<std::string, std::int32_t> m_tickets{{",,,,2,1", 1}};
-    std::vector<std::pair<std::int32_t, std::int32_t>> m_subscribers{{1, lateClient}}; ///< ticket and client
-    std::optional<std::vector<std::string>> m_buffer = std::vector<std::string>();
-    bool m_ready = false;
+    std::map<std::string, std::int32_t> m_tickets{{",,,,2,1", 1}};    ///< the first is a late client's
+    std::vector<std::pair<std::int32_t, std::int32_t>> m_subscribers; ///< ticket and client
 };

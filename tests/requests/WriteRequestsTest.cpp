@@ -68,21 +68,11 @@ protected:
     }
 };
 
-TAMO_DBDelete deletion(const std::string& dn, std::int32_t MOInstance = 1, std::int32_t operation = operationDelete)
+TAMO_DBDelete deletion(const std::string& dn, std::int32_t operation = operationDelete)
 {
     TAMO_DBDelete request;
     request.operation = operation;
     request.dn = dn;
-    request.MOInstance = MOInstance;
-    return request;
-}
-
-TAMO_DBSetAttributeValue setting(const std::string& dn, const std::string& name, const Value& value)
-{
-    TAMO_DBSetAttributeValue request;
-    request.dn = dn;
-    request.attributeName = name;
-    request.value = value;
     return request;
 }
 
@@ -91,14 +81,6 @@ TAMO_DBSetAttributeValues settings(const std::map<std::string, std::string>& dns
 {
     TAMO_DBSetAttributeValues request;
     request.container = {dns, values};
-    return request;
-}
-
-TAMO_deleteAttribute attributeDeletion(const std::string& dn, const std::string& name)
-{
-    TAMO_deleteAttribute request;
-    request.dn = dn;
-    request.attributeName = name;
     return request;
 }
 
@@ -157,28 +139,6 @@ TEST_F(EveryHandler, FailureInTheMiddleIsAnsweredAndLeavesNoTransaction)
     EXPECT_TRUE(insertByRequest(container("B=1")));
 }
 
-TEST_F(WriteRequests, ObjectsAreInsertedUpdatedAndDeleted)
-{
-    const DBObject made = container("A=1", {text("a", std::string(20000, 'x')), attribute("n", std::int32_t{5})});
-    EXPECT_TRUE(insertByRequest(made)) << "compressed, as its size asks for";
-    EXPECT_EQ(value("A=1", "a"), std::string(20000, 'x'));
-    EXPECT_TRUE(insertByRequest(container("A=1", {text("a", "short")}))) << "an existing object is updated";
-    EXPECT_EQ(value("A=1", "a"), "short");
-    EXPECT_TRUE(ask<TAMO_DBUpdateRsp>(
-                    carrying<TAMO_DBUpdate>(container("A=1", {attribute("n", std::int32_t{6})}), operationUpdate))
-                    .success);
-    EXPECT_EQ(value("A=1", "n"), "6");
-    EXPECT_FALSE(ask<TAMO_DBUpdateRsp>(carrying<TAMO_DBUpdate>(container("Absent=1", {}), operationUpdate)).success);
-    ASSERT_TRUE(insert("X=1", {reference("r", "A=1")}));
-    EXPECT_FALSE(ask<TAMO_DBDeleteRsp>(deletion("A=1")).success) << "referred to";
-    EXPECT_FALSE(ask<TAMO_DBDeleteRsp>(deletion("X=1", 2)).success) << "another instance";
-    EXPECT_TRUE(ask<TAMO_DBDeleteRsp>(deletion("X=1")).success);
-    EXPECT_TRUE(ask<TAMO_DBDeleteRsp>(deletion("A=1")).success);
-    EXPECT_FALSE(ask<TAMO_DBDeleteRsp>(deletion("A=1")).success);
-    EXPECT_EQ(log.count(mwLogError, "Database operation failed: Delete, A=1, 1, "), 2);
-    EXPECT_EQ(committed("select dn from DBObject"), "baseobject");
-}
-
 TEST_F(WriteRequests, WrongOperationCodesAndBrokenObjectsWriteNothing)
 {
     ASSERT_TRUE(insert("A=1", {text("a", "x")}));
@@ -187,7 +147,7 @@ TEST_F(WriteRequests, WrongOperationCodesAndBrokenObjectsWriteNothing)
     EXPECT_FALSE(ask<TAMO_DBInsertRsp>(carrying<TAMO_DBInsert>(other, operationUpdate)).success);
     EXPECT_FALSE(ask<TAMO_DBUpdateRsp>(carrying<TAMO_DBUpdate>(other, operationInsert)).success);
     EXPECT_FALSE(ask<TAMO_DBInsertToCommonDbRsp>(carrying<TAMO_DBInsertToCommonDb>(other, operationInsert)).success);
-    EXPECT_FALSE(ask<TAMO_DBDeleteRsp>(deletion("A=1", 1, operationInsert)).success);
+    EXPECT_FALSE(ask<TAMO_DBDeleteRsp>(deletion("A=1", operationInsert)).success);
     auto cut = carrying<TAMO_DBInsert>(other, operationInsert);
     cut.object.resize(cut.object.size() - 1);
     EXPECT_FALSE(ask<TAMO_DBInsertRsp>(cut).success);
@@ -198,6 +158,13 @@ TEST_F(WriteRequests, WrongOperationCodesAndBrokenObjectsWriteNothing)
     nothing.operation = operationInsert;
     EXPECT_FALSE(ask<TAMO_DBInsertRsp>(nothing).success);
     EXPECT_EQ(log.count(mwLogError, "Database operation failed: "), 7);
+    EXPECT_FALSE(ask<TAMO_DBDeleteRsp>(deletion("Absent=1")).success);
+    EXPECT_EQ(log.count(mwLogError, "Database operation failed: Delete, Absent=1, 1, "), 1);
+    TAMO_DBSetAttributeValue setting;
+    setting.dn = "Absent=1";
+    setting.attributeName = "a";
+    EXPECT_FALSE(ask<TAMO_DBSetAttributeValueRsp>(setting).success);
+    EXPECT_EQ(log.count(mwLogError, "Database operation failed: Get object, "), 1);
     EXPECT_EQ(everything(), before);
     EXPECT_TRUE(fs::is_empty(path("common")));
 }
@@ -221,19 +188,6 @@ TEST_F(WriteRequests, CommonDatabaseIsWrittenByRequest)
     EXPECT_EQ(committed("select dn from DBObject order by id"), "baseobject,A=1");
 }
 
-TEST_F(WriteRequests, OneValueIsSetOnAStoredObjectOnly)
-{
-    ASSERT_TRUE(insert("A=1", {attribute("n", std::int64_t{1}, IPCData::INT64)}));
-    EXPECT_TRUE(ask<TAMO_DBSetAttributeValueRsp>(setting("A=1", "n", std::int64_t{1} << 40)).success);
-    EXPECT_EQ(value("A=1", "n"), "1099511627776");
-    EXPECT_TRUE(ask<TAMO_DBSetAttributeValueRsp>(setting("A=1", "new", true)).success);
-    EXPECT_EQ(value("A=1", "new"), "1");
-    EXPECT_TRUE(ask<TAMO_DBSetAttributeValueRsp>(setting("A=1", "n", std::string("text now"))).success);
-    EXPECT_EQ(committed("select value_type from Attribute where name = 'n'"), "9");
-    EXPECT_FALSE(ask<TAMO_DBSetAttributeValueRsp>(setting("Absent=1", "n", true)).success);
-    EXPECT_EQ(log.count(mwLogError, "Database operation failed: Get object, "), 1);
-}
-
 TEST_F(WriteRequests, SeveralValuesAreSetForAutointegrationAlone)
 {
     ASSERT_TRUE(insert("A=1", {text("a", "x")}));
@@ -253,17 +207,6 @@ TEST_F(WriteRequests, SeveralValuesAreSetForAutointegrationAlone)
     EXPECT_EQ(value("A=1", "a"), "y");
     EXPECT_EQ(value("New=1", "b"), "7");
     EXPECT_FALSE(refused(settings({{"a", "A=1"}}, {{"a", std::string("y")}}))) << "the value it has already";
-}
-
-TEST_F(WriteRequests, AttributesAreDeletedFromStoredObjects)
-{
-    ASSERT_TRUE(insert("A=1", {text("a", "x"), text("b", "y")}));
-    EXPECT_TRUE(ask<TAMO_deleteAttributeRsp>(attributeDeletion("A=1", "a")).success);
-    EXPECT_EQ(value("A=1", "a"), "(none)");
-    EXPECT_TRUE(ask<TAMO_deleteAttributeRsp>(attributeDeletion("A=1", "absent")).success);
-    EXPECT_FALSE(ask<TAMO_deleteAttributeRsp>(attributeDeletion("Absent=1", "a")).success);
-    EXPECT_EQ(value("A=1", "b"), "y");
-    EXPECT_TRUE(anotherConnectionCanWrite());
 }
 
 TEST(ClientTransactions, KeysTellNodesAndIdsApart)

@@ -1,11 +1,7 @@
 // Begin, commit and rollback; what a commit saves.
 
 #include "tests/support/Faults.h"
-#include "tests/support/Recorder.h"
 #include "tests/support/TempStore.h"
-
-#include "store/ConnectionSwap.h"
-#include "store/FileLocations.h"
 
 #include <sqlite3.h>
 
@@ -150,31 +146,4 @@ TEST_F(Transaction, FilesThatMustLastAreNotWrittenByACommit)
         ASSERT_TRUE(update("A=1", {text("a", file)}));
         EXPECT_FALSE(fs::exists(path(file)));
     }
-}
-
-TEST_F(Transaction, SwappedConnectionIsAWorldOfItsOwn)
-{
-    Recorder recorder;
-    const std::int32_t id = idOf("A=1");
-    EXPECT_EQ(store().get_whole_dn(id), "A=1");
-    ASSERT_TRUE(store().sql_start_transaction());
-    {
-        Connection other;
-        ASSERT_EQ(other.open(":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, 0), SQLITE_OK);
-        const ConnectionSwap swap(store(), other, path("common/commondb"));
-        EXPECT_EQ(store().loadOrSaveDb(SQLite::Direction::load), SQLITE_OK);
-        EXPECT_FALSE(store().transactionOpen());
-        EXPECT_EQ(idOf("A=1"), 0);
-        EXPECT_TRUE(insert("X=1"));
-        EXPECT_EQ(idOf("X=1"), id) << "the same row id, another object";
-        EXPECT_EQ(store().get_whole_dn(id), "X=1");
-        EXPECT_FALSE(store().isReadyForOssSync("test"));
-    }
-    EXPECT_EQ(recorder.take(), "");
-    EXPECT_TRUE(store().transactionOpen());
-    EXPECT_EQ(idOf("X=1"), 0);
-    EXPECT_EQ(store().get_whole_dn(id), "A=1");
-    EXPECT_EQ(store().databaseFile(), dumpFile());
-    ASSERT_TRUE(store().sql_rollback_transaction());
-    EXPECT_EQ(queryFile(path("common/commondb"), "select dn from DBObject"), "baseobject") << "no commit saves it";
 }

@@ -3,7 +3,6 @@
 #include "tests/support/Platform.h"
 
 #include "platform/framework/Messaging.h"
-#include "platform/host/LogSink.h"
 #include "platform/host/ProcessNode.h"
 #include "platform/messages/Notifications.h"
 
@@ -21,40 +20,6 @@ constexpr std::chrono::seconds patience{20};
 constexpr std::int32_t markerCode = 0x7E57;
 
 } // namespace
-
-LogLines::LogLines()
-{
-    mw_log::setSink([this](unsigned level, const std::string& text) {
-        const std::lock_guard lock(m_mutex);
-        m_lines.push_back({level, text});
-    });
-}
-
-LogLines::~LogLines() { mw_log::setSink({}); }
-
-int LogLines::count(unsigned level, const std::string& part) const
-{
-    const std::lock_guard lock(m_mutex);
-    int found = 0;
-    for (const Line& line : m_lines)
-        found += line.level == level && line.text.find(part) != std::string::npos;
-    return found;
-}
-
-void LogLines::forget()
-{
-    const std::lock_guard lock(m_mutex);
-    m_lines.clear();
-}
-
-std::string LogLines::all() const
-{
-    const std::lock_guard lock(m_mutex);
-    std::string text = "lines logged:\n";
-    for (const Line& line : m_lines)
-        text += std::to_string(line.level) + " " + line.text.substr(0, 300) + "\n";
-    return text;
-}
 
 NodeState Middleware::state() const
 {
@@ -110,8 +75,10 @@ std::vector<std::shared_ptr<RawMessage>> Service::arrived()
     const TAMO_FaultNotification marker(markerCode, 0);
     if (!Messaging::sendTamoMessage(m_id, marker, -1))
         return messages;
-    for (auto message = next(); message && message->id != TAMO_FaultNotification::id; message = next())
+    for (auto message = next(); message && message->id != TAMO_FaultNotification::id; message = next()) {
+        message->permit.reset(); // handled: more may come
         messages.push_back(std::move(message));
+    }
     return messages;
 }
 

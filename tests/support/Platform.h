@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/support/LogLines.h"
+
 #include "platform/host/MessageNode.h"
 #include "platform/host/NodeState.h"
 #include "platform/middleware/mw_api.h"
@@ -14,29 +16,6 @@
 #include <vector>
 
 /// What the rest of the node sees of the service while a test runs.
-
-/// The lines logged while it lives, from level info on.
-class LogLines {
-public:
-    LogLines();
-    ~LogLines();
-    LogLines(const LogLines&) = delete;
-    LogLines& operator=(const LogLines&) = delete;
-
-    /// How many lines of a level hold `part`.
-    int count(unsigned level, const std::string& part = "") const;
-    void forget();
-    /// All lines, for the message of a failed test.
-    std::string all() const;
-
-private:
-    struct Line {
-        unsigned level;
-        std::string text;
-    };
-    mutable std::mutex m_mutex;
-    std::vector<Line> m_lines;
-};
 
 /// The node's middleware state in the file that TAMO_NODE_STATE names.
 class Middleware {

@@ -23,15 +23,6 @@ std::string newDirectory()
 
 } // namespace
 
-ScopedVariable::ScopedVariable(std::string name, const std::optional<std::string>& value) : m_name(std::move(name))
-{
-    if (const char* const old = std::getenv(m_name.c_str()))
-        m_old = old;
-    value ? setenv(m_name.c_str(), value->c_str(), 1) : unsetenv(m_name.c_str());
-}
-
-ScopedVariable::~ScopedVariable() { m_old ? setenv(m_name.c_str(), m_old->c_str(), 1) : unsetenv(m_name.c_str()); }
-
 TempDirectories::TempDirectories() : m_root(newDirectory()), middleware(path("state.json"))
 {
     const std::map<std::string, std::string> places{

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tests/support/Platform.h"
+#include "tests/support/ScopedVariable.h"
 
 #include "platform/utility/DBObject.h"
 #include "store/SQLite.h"
@@ -14,19 +15,6 @@
 #include <optional>
 #include <string>
 #include <vector>
-
-/// Sets (or, without a value, unsets) an environment variable for one scope.
-class ScopedVariable {
-public:
-    ScopedVariable(std::string name, const std::optional<std::string>& value);
-    ~ScopedVariable();
-    ScopedVariable(const ScopedVariable&) = delete;
-    ScopedVariable& operator=(const ScopedVariable&) = delete;
-
-private:
-    std::string m_name;
-    std::optional<std::string> m_old;
-};
 
 /// Directories of the test's own for every database file, gone afterwards, with the environment that
 /// leads to them; the log and the middleware.
