@@ -255,9 +255,13 @@ void mw_api_log_impl(unsigned, unsigned level, int, const char* format, ...)
     const int savedErrno = errno; // callers go on to look at it
     va_list values;
     va_start(values, format);
-    const std::string line = formatted(format, values);
+    try {
+        const std::string line = formatted(format, values);
+        write(level, mw_log::oneLine(line));
+    } catch (const std::exception&) { // NOLINT(bugprone-empty-catch)
+        // No memory for a line: what it was to tell of goes on, and nobody is left to tell.
+    }
     va_end(values);
-    write(level, mw_log::oneLine(line));
     errno = savedErrno;
 }
 

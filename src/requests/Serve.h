@@ -85,8 +85,12 @@ void serve(const RawMessage* raw, const HandlerLines& lines, Work work)
         readable ? workOn<Request, Answer>(request, client, work) : refusal<Answer>(request.transId, node);
     if (!answer)
         return;
-    if (Messaging::sendTamoMessage_v2(node, *answer, 1))
-        lines.sent();
-    else
-        lines.notSent();
+    bool sent = false;
+    try {
+        sent = Messaging::sendTamoMessage_v2(node, *answer, 1);
+    } catch (const std::exception& error) {
+        LOG_ERROR("DatabaseWrapper: the answer to request 0x%04x of %s is lost: %s", Request::id, client.name.c_str(),
+                  error.what());
+    }
+    sent ? lines.sent() : lines.notSent();
 }

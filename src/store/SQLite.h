@@ -350,6 +350,9 @@ private:
     class UpdateOperation;
 
     bool readReferrers(Referrers& referrers);
+    const Referrers& currentReferrers();
+    void forgetReferrers();
+    void forgetDeleted(std::int64_t objectId) noexcept;
     bool blocksDeletion(const Referrers& referrers, const std::string& wholeDn,
                         const std::unordered_set<std::string>& deletedDns);
     int deleteRows(std::int32_t objectId);
@@ -391,6 +394,10 @@ private:
     bool m_databaseDumpEnabled = true;
     bool m_attributeSynchronisationEnabled = false;
     bool m_commonDatabaseLocked = false;
+    // Of the open transaction. Whoever writes reference attributes forgets them.
+    std::optional<Referrers> m_referrers;
+    std::unordered_set<std::int32_t> m_goneHolders; // objects deleted since they were read
+
     bool m_transactionOpen = false;
     bool m_committing = false;
     bool m_checkingIntegrity = false;

@@ -63,7 +63,7 @@ void SQLite::sql_updateCallback(void* store, int operation, const char*, const c
 {
     auto* const self = static_cast<SQLite*>(store);
     if (operation == changeDelete && std::strcmp(table, objectTable) == 0)
-        self->forgetLookups();
+        self->forgetDeleted(rowId);
     if (self->shutDownOngoing(__func__))
         return;
     if (self->m_notificationsDisabled) {
@@ -79,6 +79,15 @@ void SQLite::sql_updateCallback(void* store, int operation, const char*, const c
     } catch (const std::exception& error) { // SQLite, our caller, knows no exceptions
         LOG_ERROR("SQLite::%s, a change of %s row %lld will not be told: %s", __func__, table, rowId, error.what());
     }
+}
+
+void SQLite::forgetDeleted(std::int64_t objectId) noexcept
+try {
+    forgetLookups();
+    if (m_referrers)
+        m_goneHolders.insert(static_cast<std::int32_t>(objectId));
+} catch (const std::exception&) {
+    forgetReferrers(); // no memory: they are read again
 }
 
 void SQLite::sql_collectDnInstPairs()

@@ -31,8 +31,7 @@ bool SQLite::delete_object(const std::string& dn, std::int32_t MOInstance, bool 
     for (const std::int32_t child : ids)
         below.push_back(get_whole_dn(child));
     const std::unordered_set<std::string> deletedDns(below.begin(), below.end());
-    Referrers referrers;
-    readReferrers(referrers);
+    const Referrers& referrers = currentReferrers();
     for (const std::string& child : below)
         if (blocksDeletion(referrers, child, deletedDns)) {
             LOG_DEBUG("SQLite::%s, Reference to a child(%s) of %s exists.. cannot delete", __func__, child.c_str(),
@@ -104,6 +103,29 @@ int SQLite::deleteDeepestFirst(std::int32_t objectId)
     return result;
 }
 
+/// Who refers to whom now. Inside a transaction the attributes are looked through for the first
+/// deletion only, so that a commit of many does not grow with the square.
+const SQLite::Referrers& SQLite::currentReferrers()
+{
+    if (!m_transactionOpen)
+        forgetReferrers();
+    if (!m_referrers) {
+        Referrers read;
+        if (!readReferrers(read)) {
+            static const Referrers nobody;
+            return nobody;
+        }
+        m_referrers = std::move(read);
+    }
+    return *m_referrers;
+}
+
+void SQLite::forgetReferrers()
+{
+    m_referrers.reset();
+    m_goneHolders.clear();
+}
+
 /// Everybody whom a reference attribute names; false, dealt with, when they could not be read. The
 /// values are taken apart once, however many objects are to be deleted.
 bool SQLite::readReferrers(Referrers& referrers)
@@ -151,6 +173,8 @@ bool SQLite::blocksDeletion(const Referrers& referrers, const std::string& whole
     if (found == referrers.end())
         return false;
     for (const std::int32_t holder : found->second) {
+        if (m_goneHolders.contains(holder))
+            continue;
         LOG_INFO("SQLite::%s: reference to the dn '%s' found, check if referense will be deleted also", operation,
                  wholeDn.c_str());
         if (!deletedDns.empty()) {
@@ -185,6 +209,7 @@ bool SQLite::deleteAttribute(const std::string& name, std::int32_t objectId, boo
     sql_collectDnInstPairs(); // so that the object's own item stands before its attribute's
     const std::size_t changesBefore = activeList().size();
     captureAttributeDeletion(objectId, name);
+    forgetReferrers();
     const std::size_t rowsBefore = m_changedRows.size();
     Statement remove(m_runtime, "delete from Attribute where belongsTo = %d and name = %Q", objectId, name.c_str());
     remove.step();

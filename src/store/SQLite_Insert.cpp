@@ -157,7 +157,10 @@ bool SQLite::InsertOperation::insertAttribute(const Attribute& attribute)
     }
     logWrite("SQLite::sql_insert", "Inserting", code == IPCData::INT8 ? " " : "  ", attribute, code, m_client);
     bindValue(insert, code, attribute.value);
-    m_holdsReference = m_holdsReference || isReferenceType(code);
+    if (isReferenceType(code)) {
+        m_holdsReference = true;
+        m_store.forgetReferrers();
+    }
     insert.step();
     if (!insert.done()) {
         LOG_ERROR("SQLite bind error: sqlite3_step() returned %d", insert.result());

@@ -130,5 +130,6 @@ void ConnectionSwap::exchange()
     std::swap(m_store.m_runtime, m_connection);
     std::swap(m_store.m_databaseFile, m_databaseFile);
     std::swap(m_store.m_transactionOpen, m_transactionOpen);
+    m_store.forgetReferrers();
     m_store.forgetLookups();
 }

@@ -56,6 +56,7 @@ bool SQLite::sql_start_transaction()
     LOG_DEBUG("sql_start_transaction: ret value: %d, msg: %s, buf: %s", result, errorText(*m_runtime, result), text);
     if (result == SQLITE_OK) {
         m_transactionOpen = true;
+        forgetReferrers();
         if (onOwnRuntime())
             m_synchronisedAtBegin = m_synchronised.size();
     }
@@ -70,6 +71,7 @@ bool SQLite::sql_rollback_transaction()
     LOG_DEBUG("sql_rollback_transaction: ret value: %d, msg: %s, buf: %s", result, errorText(*m_runtime, result),
               rollbackText);
     m_transactionOpen = false;
+    forgetReferrers();
     forgetLookups();
     m_runtime->forgetSchema();
     // SQLite may have rolled back by itself, on a full disk for instance; nothing is true then either.
@@ -89,6 +91,7 @@ bool SQLite::sql_commit_transaction()
     }();
     LOG_DEBUG("SQLite::sql_commit_transaction(): ret value: %d, msg: %s, buf: %s", result,
               errorText(*m_runtime, result), text);
+    forgetReferrers();
     if (result == SQLITE_OK) {
         m_transactionOpen = false;
     } else {

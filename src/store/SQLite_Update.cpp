@@ -196,6 +196,8 @@ Outcome SQLite::UpdateOperation::writeAttribute(const Attribute& attribute)
     if (isReferenceType(stored.type) && attribute.name != reservedBy)
         m_oldReferences.push_back(stored.text);
     const bool same = stored.id != 0 && isSame(attribute, stored);
+    if (attribute.name != reservedBy && (isReferenceType(stored.type) || isReferenceType(code)))
+        m_store.forgetReferrers();
     if (goesToAlternateStorage(attribute)) {
         updateParked(attribute);
         return Outcome::goOn;

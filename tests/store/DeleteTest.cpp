@@ -82,3 +82,30 @@ TEST_F(Delete, EveryOccurrenceIsRemovedAndTheOthersKeepTheirOrder)
     store().removeSingleReference("T=1", "A=1", false);
     EXPECT_EQ(value("T=1", "reservedBy"), "B=1;;C=1;A=10");
 }
+
+TEST_F(Delete, ReferencesCountAsTheyAreAtEachDeletionOfATransaction)
+{
+    for (const char* dn : {"A=1", "B=1", "C=1", "D=1"})
+        ASSERT_TRUE(insert(dn));
+    ASSERT_TRUE(insert("R=1", {reference("r", "A=1")}));
+    ASSERT_TRUE(insert("R=2", {reference("r", "B=1")}));
+    const auto remove = [](const char* dn) { return store().delete_object(dn, 1, true, "test"); };
+    ASSERT_TRUE(store().sql_start_transaction());
+    EXPECT_FALSE(remove("A=1"));
+    EXPECT_TRUE(remove("R=1"));
+    DBObject other = container("X=1");
+    ASSERT_TRUE(store().sql_insert(&other, true, "test")); // may get the row id of the holder that went
+    EXPECT_TRUE(remove("A=1"));
+    DBObject turned = container("R=2", {reference("r", "C=1")});
+    ASSERT_TRUE(store().sql_update(&turned, true, "test"));
+    EXPECT_TRUE(remove("B=1"));
+    EXPECT_FALSE(remove("C=1"));
+    EXPECT_TRUE(store().deleteAttribute("r", idOf("R=2"), true));
+    EXPECT_TRUE(remove("C=1"));
+    DBObject late = container("R=3", {reference("r", "D=1")});
+    ASSERT_TRUE(store().sql_insert(&late, true, "test"));
+    EXPECT_FALSE(remove("D=1"));
+    EXPECT_TRUE(store().sql_rollback_transaction());
+    EXPECT_FALSE(store().delete_object("A=1", 1, false, "test"));
+    EXPECT_TRUE(store().delete_object("D=1", 1, false, "test"));
+}
