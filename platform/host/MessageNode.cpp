@@ -520,6 +520,7 @@ std::vector<PeerInfo> MessageNode::peers() const
     }
     // Without the lock: a connection may be busy sending.
     std::vector<PeerInfo> infos;
+    infos.reserve(connected.size());
     for (const auto& connection : connected)
         infos.push_back(connection->info());
     std::ranges::sort(infos, {}, &PeerInfo::node);

@@ -17,7 +17,6 @@
 #include <algorithm>
 #include <exception>
 #include <optional>
-#include <ranges>
 
 using namespace TAMO::Messages;
 using TAMO::Database::NotificationBuffer;
@@ -97,20 +96,19 @@ TAMO_DBNotification itemMessage(std::int32_t ticket, const NotificationItem& ite
             item.wholeDn};
 }
 
-/// The changed attributes of an object for subscribers with or without alternate storage.
-auto attributesOf(std::span<const NotificationItem> items, bool alternate)
+/// Whether an item stands in the attribute list for subscribers with or without alternate storage.
+bool isListed(const NotificationItem& item, bool alternate)
 {
-    const std::int32_t other = alternate ? storageAlternate : storageLoading;
-    return std::views::filter(items, [other](const NotificationItem& item) {
-        return !item.ofObject() && (item.storageKind == storageLive || item.storageKind == other);
-    });
+    return !item.ofObject() &&
+           (item.storageKind == storageLive || item.storageKind == (alternate ? storageAlternate : storageLoading));
 }
 
 std::vector<attrNameValuePair> attributeList(std::span<const NotificationItem> items, bool alternate)
 {
     std::vector<attrNameValuePair> list;
-    for (const NotificationItem& item : attributesOf(items, alternate))
-        list.push_back({item.attribute, item.value, item.valueType, item.operation, item.storageKind, item.hidden});
+    for (const NotificationItem& item : items)
+        if (isListed(item, alternate))
+            list.push_back({item.attribute, item.value, item.valueType, item.operation, item.storageKind, item.hidden});
     return list;
 }
 
@@ -216,7 +214,7 @@ void Delivery::objectChanged(std::span<const NotificationItem> items, std::int32
         const std::int32_t ticket = m_subscriptions.ticketOf(key);
         if (ticket == Subscriptions::noTicket)
             return;
-        if (attributesOf(items, wantsAlternate).empty()) {
+        if (std::ranges::none_of(items, [&](const auto& item) { return isListed(item, wantsAlternate); })) {
             for (std::size_t i = 0; i < m_subscriptions.clientsOf(ticket).size(); ++i)
                 LOG_DEBUG("Database: Notification for all: no attributes -> no notification sending");
             return;

@@ -30,7 +30,7 @@ std::size_t sizeOf(const Messages::TAMO_DBNotification& message)
     for (const auto& entry : message.transaction.entries) {
         bytes += sizeof entry + entry.dn.size();
         for (const std::string& attribute : entry.attributes)
-            bytes += sizeof attribute + attribute.size();
+            bytes += sizeof(std::string) + attribute.size();
     }
     return bytes;
 }

@@ -366,7 +366,7 @@ std::string SQLite::get_whole_dn(std::int32_t objectId)
     }
     LOG_DEBUG("SQLite::%s: Fetching whole dn for object id %d.", __func__, objectId);
     int result = SQLITE_OK;
-    const std::string wholeDn = walkUp(objectId, result);
+    std::string wholeDn = walkUp(objectId, result);
     if (isError(result)) {
         LOG_ERROR("SQLite::%s: Error while fetching whole dn. Sqlite error: %d", __func__, result);
         doIntegrityCheck();
