@@ -6,6 +6,9 @@
 
 #include <sqlite3.h>
 
+#include <memory>
+#include <new>
+
 namespace {
 
 /// A format as SQLite is to see it, and the conversions its arguments need ('d', 'l', 'Q').
@@ -41,10 +44,11 @@ constexpr std::string_view tableConversion = "from %Q";
 /// The format with the table it names filled in, quoted.
 std::string withTable(std::string_view format, std::size_t at, const char* table)
 {
-    char* const quoted = sqlite3_mprintf("from \"%w\"", table);
+    const std::unique_ptr<char, decltype(&sqlite3_free)> quoted(sqlite3_mprintf("from \"%w\"", table), &sqlite3_free);
+    if (!quoted)
+        throw std::bad_alloc();
     std::string filled(format.substr(0, at));
-    filled.append(quoted).append(format.substr(at + tableConversion.size()));
-    sqlite3_free(quoted);
+    filled.append(quoted.get()).append(format.substr(at + tableConversion.size()));
     return filled;
 }
 
@@ -98,19 +102,21 @@ void Statement::prepare(Connection& connection, std::string_view format)
     }
     Translated translated = translate(format);
     m_own = found != connection.m_prepared.end();
+    sqlite3_stmt* prepared = nullptr;
     m_result =
         sqlite3_prepare_v3(connection.handle(), translated.sql.c_str(), static_cast<int>(translated.sql.size()) + 1,
-                           m_own ? 0 : SQLITE_PREPARE_PERSISTENT, &m_statement, nullptr);
-    if (m_result != SQLITE_OK) {
-        m_statement = nullptr;
+                           m_own ? 0 : SQLITE_PREPARE_PERSISTENT, &prepared, nullptr);
+    if (m_result != SQLITE_OK)
         return;
-    }
+    std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> guard(prepared, &sqlite3_finalize);
     if (m_own) {
+        m_statement = guard.release();
         m_ownConversions = std::move(translated.conversions);
         m_conversions = &m_ownConversions;
         return;
     }
     auto& entry = connection.m_prepared[std::string(format)];
+    m_statement = guard.release();
     entry = {m_statement, std::move(translated.conversions), true};
     m_inUse = &entry.inUse;
     m_conversions = &entry.conversions;

@@ -71,11 +71,17 @@ protected:
         const ModelTree seen = model.outlook(by);
         std::vector<std::string> names;
         for (const auto& [name, object] : seen.objects)
-            if (model.tree.objects.contains(name) || chance(30))
+            if ((model.tree.objects.contains(name) || chance(30)) && !(inTransaction && strays(name)))
                 names.push_back(name);
         if (names.empty())
             return someName();
-        return chance(30) && seen.objects.contains(lastWritten) ? lastWritten : pick(names);
+        return chance(30) && std::ranges::find(names, lastWritten) != names.end() ? lastWritten : pick(names);
+    }
+    /// One that landed at the top for want of its parent. By the time of a commit it may be gone, and its
+    /// pair may mean any of several objects.
+    static bool strays(const std::string& name)
+    {
+        return std::ranges::find(objectNames, name) == std::end(objectNames);
     }
     std::int32_t likelyInstance(const std::string& dn) { return chance(97) ? instanceOf(dn) : 3; }
 
@@ -170,9 +176,8 @@ protected:
     /// says nothing of its parent, so that its row id would stand for any object of that pair.
     static bool isWorthKeeping(const DBObject& object)
     {
-        const bool strays =
-            object.parentDn.empty() && std::ranges::find(objectNames, object.dn) == std::end(objectNames);
-        return !strays && std::ranges::none_of(object.attributes, [](const auto& each) { return each.second.deleted; });
+        return !(object.parentDn.empty() && strays(object.dn)) &&
+               std::ranges::none_of(object.attributes, [](const auto& each) { return each.second.deleted; });
     }
     template <class Message, class Rebuild>
     std::string textOf(const Message& message, Rebuild rebuild)
