@@ -88,7 +88,7 @@ protected:
     std::string someTargets()
     {
         std::string targets = chance(20) ? "" : someName();
-        return targets.empty() || chance(60) ? targets : targets + ";" + someName();
+        return targets.empty() || chance(60) ? targets : targets + (chance(50) ? ";" : ";;") + someName();
     }
     Value valueFor(const std::string& name)
     {
