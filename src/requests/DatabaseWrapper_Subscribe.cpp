@@ -8,16 +8,6 @@
 
 using namespace TAMO::Messages;
 
-namespace {
-
-/// What the lines about a failed or done unregistration call the subscription.
-struct Subscribed {
-    std::string object;
-    std::int32_t instance = 0;
-};
-
-} // namespace
-
 void DatabaseWrapper::handleRegister(const RawMessage* raw)
 {
     static constexpr HandlerLines lines{
@@ -58,20 +48,20 @@ void DatabaseWrapper::handleUnRegister(const RawMessage* raw)
     serve<TAMO_DBUnRegToNotif, Answer>(raw, lines, [this](const TAMO_DBUnRegToNotif& request, const Client& client) {
         const bool byKey = request.ticket == Subscriptions::noTicket;
         const std::int32_t ticket = byKey ? m_subscriptions.ticketOf(SubscriptionKey::of(request)) : request.ticket;
-        const Subscribed what{byKey ? request.dn : m_subscriptions.keyOf(ticket), request.MOInstance};
+        const std::string object = byKey ? request.dn : m_subscriptions.keyOf(ticket);
         bool result = false;
         if (ticket == Subscriptions::noTicket) {
-            LOG_DEBUG("Database: Unregister failed: No registrations to object %s, instance %d found",
-                      what.object.c_str(), what.instance);
+            LOG_DEBUG("Database: Unregister failed: No registrations to object %s, instance %d found", object.c_str(),
+                      request.MOInstance);
         } else {
             result = mapErase(ticket, client.node);
             if (result)
                 LOG_DEBUG("Database: client %d unregistered to notifications to object %s, instance %d", client.node,
-                          what.object.c_str(), what.instance);
+                          object.c_str(), request.MOInstance);
             else
                 LOG_DEBUG("Database: Unregister failed: Client %d has not registered to notifications to object %s, "
                           "instance %d",
-                          client.node, what.object.c_str(), what.instance);
+                          client.node, object.c_str(), request.MOInstance);
         }
         return std::optional<Answer>(std::in_place, result, request.transId, ticket);
     });

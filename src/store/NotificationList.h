@@ -39,13 +39,13 @@ struct NotificationItem {
 };
 
 /// The changes of one delivery in the order in which they were captured. Objects are the same when
-/// real DN and MOInstance are. Every look-up takes constant time, however many items there are.
+/// real DN and MOInstance are. A look-up takes the time of the items that the object itself has, however
+/// many the others have.
 class NotificationList {
 public:
     void append(NotificationItem item);
 
     std::size_t size() const { return m_items.size(); }
-    bool empty() const { return m_items.empty(); }
     const NotificationItem* last() const { return m_items.empty() ? nullptr : &m_items.back(); }
     void clear();
     /// Forgets everything behind the first `size` items.

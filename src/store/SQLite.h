@@ -240,7 +240,7 @@ public:
     /// While the guard lives, changes are captured as consequences of others, told after those, and
     /// commits deliver nothing.
     FlagScope synchronising() { return FlagScope(m_synchronising); }
-    /// While the guard lives, changed attributes are captured as storageLoading.
+    /// While the guard lives, everything is captured as storageLoading.
     FlagScope loadingAlternateStorage() { return FlagScope(m_loadingAlternateStorage); }
 
     // --- Delivery (SQLite_Notify.cpp) ----------------------------------------------------------

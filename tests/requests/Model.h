@@ -22,6 +22,16 @@
 std::string describe(const Attribute& attribute);
 std::string describe(const DBObject& object);
 
+inline constexpr std::int32_t inserted = 18;
+inline constexpr std::int32_t updated = 23;
+inline constexpr std::int32_t deleted = 9;
+
+bool holds(const std::vector<std::string>& list, const std::string& element);
+/// The list without repetitions, in its order.
+std::vector<std::string> once(const std::vector<std::string>& list);
+/// The class of a DN's last pair.
+std::string classOf(const std::string& dn);
+
 /// One thing that happened: to an attribute, or to the object itself when `attribute` has no name.
 struct ModelChange {
     std::string wholeDn;

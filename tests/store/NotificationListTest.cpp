@@ -92,7 +92,7 @@ TEST(NotificationList, AnswersLikeAWalkOverItsItems)
             walk.items.push_back(item);
         }
         ASSERT_EQ(list.size(), walk.items.size());
-        ASSERT_TRUE(list.empty() || *list.last() == walk.items.back());
+        ASSERT_TRUE(!list.last() || *list.last() == walk.items.back());
     }
     EXPECT_GT(found, 100) << "the look-ups met something";
 }
