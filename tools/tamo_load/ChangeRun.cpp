@@ -2,15 +2,13 @@
 
 #include "tools/tamo_load/ChangeRun.h"
 
-#include "platform/messages/Answers.h"
 #include "tools/client/Database.h"
+#include "tools/client/SubscriptionKey.h"
 #include "values/ValueType.h"
 
 #include <algorithm>
 #include <future>
 #include <memory>
-
-using namespace TAMO::Messages;
 
 namespace {
 
@@ -34,6 +32,8 @@ public:
         subscribeToObjects(stuck);
         fillQueueOf(stuck);
         all.push_back(repeat("requests, 1 stuck", m_options.samples, [this] { return request(); }));
+        readUp(stuck);
+        Database(stuck).unsubscribeAll();
         return all;
     }
 
@@ -48,31 +48,21 @@ private:
         return measured;
     }
 
-    void act(ETransactionAction action)
-    {
-        TAMO_DBTransaction message;
-        message.action = action;
-        require(m_client.request<TAMO_DBTransactionRsp>(message).success, "do as the transaction asks");
-    }
-
     double commit()
     {
-        m_client.setTransaction(m_client.drawTransactionId());
-        act(transactionStart);
+        require(m_database.beginTransaction().has_value(), "start a transaction");
         for (int i = 0; i < updatesEach; ++i)
             require(m_database.update(m_tree.nextChange()), "queue an update");
         const auto begin = Clock::now();
-        act(transactionCommit);
-        const double time = microsecondsSince(begin);
-        m_client.setTransaction(std::nullopt);
-        return time;
+        require(m_database.commitTransaction(), "commit");
+        return microsecondsSince(begin);
     }
 
     static void subscribeToObjects(ServiceClient& client)
     {
-        TAMO_DBRegToNotif request;
-        request.notificationForAll = 1;
-        require(client.request<TAMO_DBRegToNotifRsp>(request).ticket > 0, "subscribe");
+        SubscriptionKey everyObject;
+        everyObject.forAll = 1;
+        Database(client).subscribe(everyObject);
     }
 
     /// Updates that `count` clients are told of, read by another thread.
@@ -99,10 +89,8 @@ private:
             require(m_database.update(change), "update");
             return std::chrono::duration<double, std::micro>(arrival.get() - begin).count();
         });
-        for (const auto& subscriber : subscribers) {
-            TAMO_DBUnRegToAllNotifs request;
-            subscriber->request<TAMO_DBUnRegToAllNotifsRsp>(request);
-        }
+        for (const auto& subscriber : subscribers)
+            Database(*subscriber).unsubscribeAll();
         return measured;
     }
 
@@ -127,6 +115,19 @@ private:
                 newAttribute("Alias", std::string(20000, 'x') + std::to_string(round), IPCData::STRING));
             require(m_database.update(change), "update");
         }
+    }
+
+    /// Takes what waits for a client, so that there is room for an answer.
+    static void readUp(ServiceClient& client)
+    {
+        constexpr auto pause = std::chrono::milliseconds(100);
+        for (bool more = true; more;)
+            try {
+                more = client.nextNotification(Clock::now() + pause).has_value();
+            } catch (const ClientError& error) {
+                if (error.kind != Trouble::missed)
+                    throw;
+            }
     }
 
     std::int64_t dropped(std::int32_t node)
