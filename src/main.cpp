@@ -1,6 +1,7 @@
 // The process: what comes up in which order, and how it ends. Everything else is elsewhere.
 
 #include "mapping/BOMOMapper.h"
+#include "persistence/Surroundings.h"
 #include "requests/DatabaseWrapper.h"
 #include "store/FileLocations.h"
 #include "store/RuntimeGuard.h"
@@ -131,6 +132,7 @@ int main(int count, char** arguments)
     if (!FrameworkControl::initialize({"--node", "db", "--connect", "fm"}))
         return endFailedStart();
     LOG_INFO("Database started up and is ready for operations");
+    reportUnusableSurroundings();
 
     loadInitialTree(store);
     if (store.loadError()) {

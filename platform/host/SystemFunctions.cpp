@@ -2,8 +2,10 @@
 // rules of its own, is in CrashHandler.cpp.
 #include "platform/utility/SystemFunctions.h"
 
+#include "platform/host/Medium.h"
 #include "platform/middleware/Log.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -58,6 +60,36 @@ bool isDirectory(const std::string& path)
     return !path.empty() && ::stat(path.c_str(), &entry) == 0 && S_ISDIR(entry.st_mode);
 }
 
+/// In single quotes, so that the shell takes it as it stands.
+std::string quoted(const std::string& text)
+{
+    std::string result = "'";
+    for (const char c : text)
+        result += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return result + "'";
+}
+
+/// The command line with every word that names a file of the node taken from the tree that stands in for
+/// the node's root directory (TAMO_NODE_ROOT). A workstation has no /usr/bin/prepare_sw_fallback.sh and no
+/// /mnt/activecfg, and nobody may put them there without being root.
+std::string withNodesFiles(const std::string& commandLine)
+{
+    const std::string root = getPath("TAMO_NODE_ROOT", "");
+    if (root.empty())
+        return commandLine;
+    std::string line;
+    for (std::size_t start = 0; start <= commandLine.size();) {
+        const std::size_t end = std::min(commandLine.find(' ', start), commandLine.size());
+        const std::string word = commandLine.substr(start, end - start);
+        const bool nodes = word.starts_with('/') && ::access((root + word).c_str(), F_OK) == 0;
+        line += nodes ? quoted(root + word) : word;
+        if (end < commandLine.size())
+            line += ' ';
+        start = end + 1;
+    }
+    return line;
+}
+
 /// Starts the shell with default signals and without our descriptors, whatever this process has
 /// blocked, ignored or open. Returns an error number.
 int startShell(const std::string& commandLine, const std::string& directory, pid_t& child)
@@ -102,7 +134,7 @@ std::string getConfigPartitionPath(int partition)
 int executeCmd(int, const std::string& commandLine, const std::string& directory, bool)
 {
     pid_t child = -1;
-    if (const int error = startShell(commandLine, directory, child); error != 0) {
+    if (const int error = startShell(withNodesFiles(commandLine), directory, child); error != 0) {
         LOG_ERROR("%s: cannot run \"%s\": %s", __func__, commandLine.c_str(), std::strerror(error));
         return -1;
     }
@@ -116,6 +148,13 @@ int executeCmd(int, const std::string& commandLine, const std::string& directory
     if (result != 0)
         LOG_WARNING("%s: \"%s\" ended with status %d", __func__, commandLine.c_str(), result);
     return result;
+}
+
+void flushFileSystems()
+{
+    ::sync();
+    if (const auto medium = Medium::ofThisNode())
+        medium->settleAll();
 }
 
 const char* tamoResetReasontoString(std::int32_t reason)

@@ -1,9 +1,11 @@
 // Decisions at start-up: what the started partition means for the permanent configuration, and
 // whether that is loaded.
 
-#include "store/SQLite.h"
+#include "persistence/StartUpLoad.h"
+#include "store/FileLocations.h"
 
 #include "platform/middleware/Log.h"
+#include "platform/utility/SystemFunctions.h"
 
 int SQLite::getPartition(int& partition)
 {
@@ -30,12 +32,20 @@ void SQLite::DeletepRBSdbFileWhenGoldenSWIsInUse()
         LOG_INFO("SQLite::%s, Failed to activate golden partition", __func__);
 }
 
-/// Permanent configurations are not read yet: every start is one without.
 bool SQLite::loadPermanentConfFile()
 {
     m_resetReason = 12;
-    if (shutDownOngoing(__func__))
+    if (shutDownOngoing(__func__) || !m_runtime)
         return false;
-    LOG_WARNING("SQLite::%s, Permanent configuration file does not exist.", __func__);
-    return false;
+    const FlagScope quiet = withoutNotifications(); // nobody has subscribed yet
+    return StartUpLoad(*this).run();
+}
+
+int SQLite::check_pRBSdb_and_aipersistentdata_files()
+{
+    LOG_DEBUG("SQLite::%s() START", __func__);
+    const std::string integrationData = getPath("AI_CONFIG_FILE_PATH", "/var/persistent/tmp") + "/aipersistentdata.xml";
+    const int found = CheckIfFileExists(integrationData) || CheckIfFileExists(permanentFile()) ? 1 : 0;
+    LOG_DEBUG("SQLite::%s() Returning %d", __func__, found);
+    return found;
 }

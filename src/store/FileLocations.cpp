@@ -113,10 +113,15 @@ bool removeWithSideFiles(const std::string& path)
     // The file first: were it left without its journal by a kill in between, it would pass for sound.
     const bool removed = unlink(path.c_str()) == 0;
     const int error = errno;
-    for (const char* suffix : sideFiles)
-        unlink((path + suffix).c_str());
+    removeSideFiles(path);
     errno = error;
     return removed;
+}
+
+void removeSideFiles(const std::string& path)
+{
+    for (const char* suffix : sideFiles)
+        unlink((path + suffix).c_str());
 }
 
 bool moveAside(const std::string& path)

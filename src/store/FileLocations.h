@@ -47,6 +47,10 @@ bool isRegularFile(const std::string& path);
 /// could not be removed.
 bool removeWithSideFiles(const std::string& path);
 
+/// Removes what SQLite keeps beside a database file, and leaves the file: for one whose content is
+/// about to be replaced, onto which a journal would be rolled back.
+void removeSideFiles(const std::string& path);
+
 /// Puts a file that is in the way aside as NAME.rejected (one generation), its side files with it.
 /// False, errno set, when it could not be moved.
 bool moveAside(const std::string& path);

@@ -281,6 +281,34 @@ public:
     void DeletepRBSdbFileWhenGoldenSWIsInUse();
     /// The partition the node started from; the middleware's status, 0 on success.
     int getPartition(int& partition);
+    /// Compares the loaded configuration's system mode with the middleware's, and tells the middleware
+    /// to activate it, or to take it over. True when both are the same.
+    bool validateSystemMode();
+    /// 1 when there is something a restore could have left: auto-integration data or a permanent file.
+    int check_pRBSdb_and_aipersistentdata_files();
+
+    // --- Storing to flash (persistence/SQLite_Store.cpp) ---------------------------------------
+
+    /// Writes the persistent part of the tree to the permanent file when it differs from what is
+    /// there. True when there was nothing to do or it was stored.
+    bool storeDbToFlash();
+    /// Writes the persistent part of the tree, always: to the permanent file, or for a backup to the
+    /// directory of backups, without software inventory, backup administration and parked values.
+    bool storePersistentDump(bool backup);
+    /// The number of lines with a hyphen in the difference of two databases' dumps, which is 0 for
+    /// equal ones; -1 when it could not be read.
+    static int IsPersistentAttributesChanged(const std::string& first, const std::string& second,
+                                             const std::string& scratchDirectory);
+
+    // --- Side stores (persistence/SQLite_BackupFragments.cpp, SQLite_Maintenance.cpp) ------------
+
+    /// Merges the software inventory and the backup administration into the backup database. True
+    /// also when the tree holds neither.
+    bool storeBrMBackup();
+    /// Makes the values parked in a slot the live ones, all or none.
+    bool loadAlternateStorage(std::int32_t slot);
+    /// Empties the tree, parked values included, and removes the permanent file.
+    bool cleanDatabase();
 
     // --- Attribute synchronisation (persistence/SQLite_AttributeSync.cpp) -----------------------
 
@@ -314,6 +342,8 @@ private:
     int createSchema(Connection& file) const;
     int copyDatabase(Connection& destination, Connection& source) const;
     int copyOnce(Direction direction);
+    int emptyRuntime();
+    std::optional<int> storedSystemMode();
     bool namesProtectedFile() const;
     void saveAfterCommit();
 
@@ -348,6 +378,7 @@ private:
     class WriteOperation;
     class InsertOperation;
     class UpdateOperation;
+    class StartUpLoad;
 
     bool readReferrers(Referrers& referrers);
     const Referrers& currentReferrers();

@@ -78,6 +78,18 @@ int SQLite::copyOnce(Direction direction)
     return result;
 }
 
+/// Leaves the runtime connection without a table; an SQLite code.
+int SQLite::emptyRuntime()
+{
+    Connection nothing;
+    int result = nothing.open(":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, busyTimeout);
+    if (result == SQLITE_OK)
+        result = copyDatabase(*m_runtime, nothing);
+    forgetLookups();
+    m_runtime->forgetSchema();
+    return result;
+}
+
 /// Opens the database file, creating it with the schema when it is missing.
 int SQLite::openDatabaseFile(Connection& file, Direction direction)
 {

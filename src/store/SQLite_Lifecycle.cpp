@@ -8,6 +8,7 @@
 
 #include "platform/framework/Lockables.h"
 #include "platform/middleware/Log.h"
+#include "platform/utility/IDatabase.h"
 
 #include <sqlite3.h>
 
@@ -55,9 +56,14 @@ SQLite::SQLite()
 {
     LOG_DEBUG("Database runtime path: %s", m_runtimeFile.c_str());
     createRuntimeDatabase();
+    IDatabase::registerModeReader([this] { return storedSystemMode(); });
 }
 
-SQLite::~SQLite() { closeRuntime(); }
+SQLite::~SQLite()
+{
+    IDatabase::registerModeReader({});
+    closeRuntime();
+}
 
 void SQLite::createRuntimeDatabase()
 {
