@@ -8,11 +8,13 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <new>
 #include <string_view>
 #include <unistd.h>
+#include <utility>
 
 RefusedPrepare::RefusedPrepare(sqlite3* handle, int action, std::string table)
     : m_handle(handle), m_action(action), m_table(std::move(table))
@@ -124,6 +126,70 @@ FullDrive::FullDrive(const std::string& name)
 }
 
 FullDrive::~FullDrive() { replaceCalls(nullptr, nullptr); }
+
+namespace {
+
+int callsLeft = -1; // before the one that fails; -1: none is to fail
+
+bool isItsTurn()
+{
+    if (callsLeft < 0 || callsLeft-- > 0)
+        return false;
+    errno = EIO;
+    return true;
+}
+
+ssize_t breakingRead(int descriptor, void* bytes, size_t length)
+{
+    return isItsTurn() ? -1 : read(descriptor, bytes, length);
+}
+ssize_t breakingPread(int descriptor, void* bytes, size_t length, off_t offset)
+{
+    return isItsTurn() ? -1 : pread(descriptor, bytes, length, offset);
+}
+ssize_t breakingWrite(int descriptor, const void* bytes, size_t length)
+{
+    return isItsTurn() ? -1 : write(descriptor, bytes, length);
+}
+ssize_t breakingPwrite(int descriptor, const void* bytes, size_t length, off_t offset)
+{
+    return isItsTurn() ? -1 : pwrite(descriptor, bytes, length, offset);
+}
+int breakingOpen(const char* path, int flags, int mode) { return isItsTurn() ? -1 : open(path, flags, mode); }
+int breakingTruncate(int descriptor, off_t size) { return isItsTurn() ? -1 : ftruncate(descriptor, size); }
+int breakingUnlink(const char* path) { return isItsTurn() ? -1 : unlink(path); }
+
+const std::pair<const char*, sqlite3_syscall_ptr> breakingCalls[] = {
+    {"read", reinterpret_cast<sqlite3_syscall_ptr>(breakingRead)},
+    {"pread", reinterpret_cast<sqlite3_syscall_ptr>(breakingPread)},
+    {"pread64", reinterpret_cast<sqlite3_syscall_ptr>(breakingPread)},
+    {"write", reinterpret_cast<sqlite3_syscall_ptr>(breakingWrite)},
+    {"pwrite", reinterpret_cast<sqlite3_syscall_ptr>(breakingPwrite)},
+    {"pwrite64", reinterpret_cast<sqlite3_syscall_ptr>(breakingPwrite)},
+    {"open", reinterpret_cast<sqlite3_syscall_ptr>(breakingOpen)},
+    {"ftruncate", reinterpret_cast<sqlite3_syscall_ptr>(breakingTruncate)},
+    {"unlink", reinterpret_cast<sqlite3_syscall_ptr>(breakingUnlink)},
+};
+
+} // namespace
+
+FailedFileCall::FailedFileCall(int passes)
+{
+    callsLeft = passes;
+    sqlite3_vfs* const files = sqlite3_vfs_find("unix");
+    for (const auto& [name, call] : breakingCalls)
+        files->xSetSystemCall(files, name, call);
+}
+
+FailedFileCall::~FailedFileCall()
+{
+    callsLeft = -1;
+    sqlite3_vfs* const files = sqlite3_vfs_find("unix");
+    for (const auto& [name, call] : breakingCalls)
+        files->xSetSystemCall(files, name, nullptr);
+}
+
+bool FailedFileCall::happened() { return callsLeft == -1; }
 
 void corruptFile(const std::string& path)
 {

@@ -47,6 +47,18 @@ public:
     FullDrive& operator=(const FullDrive&) = delete;
 };
 
+/// Lets one of SQLite's file calls (open, read, write, truncate, unlink) answer "I/O error": the one
+/// after `passes` others, whatever the file.
+class FailedFileCall {
+public:
+    explicit FailedFileCall(int passes);
+    ~FailedFileCall();
+    FailedFileCall(const FailedFileCall&) = delete;
+    FailedFileCall& operator=(const FailedFileCall&) = delete;
+    /// Whether it came to that.
+    static bool happened();
+};
+
 /// Refuses the calling thread one piece of memory: the one after `passes` others.
 class RefusedMemory {
 public:
