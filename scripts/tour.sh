@@ -130,6 +130,8 @@ tour() {
     change
     transaction
     delete
+    store
+    fall_back
 }
 
 read_back() {
@@ -223,6 +225,62 @@ delete() {
     check "then the antenna can go" equal "$code" 0
     try tamoctl exists ManagedElement=1,Antenna=1
     check "and is gone" equal "$code" 3
+}
+
+# boots_since COUNT: waits until the node has booted again and is ready.
+boots() { "$bin/tamo_node" status "$directory" | jq .boots; }
+boots_since() {
+    local tries
+    for ((tries = 0; tries < 300; ++tries)); do
+        if (($(boots) > $1)) && node_is_up; then
+            return 0
+        fi
+        sleep 0.1
+    done
+    return 1
+}
+
+partition() { "$bin/tamo_node" status "$directory" | jq .partition; }
+
+store() {
+    title "What is persistent survives a restart"
+    local before
+    try tamoctl insert OAM AI_phase:INT32=4 --persistent AI_phase --not-mom
+    check "auto-integration is completed: from here on the configuration is stored" equal "$code" 0
+    try tamoctl insert ManagedElement=1,Site=1 name=north note=draft --persistent name
+    check "an object with a persistent name and a note that is not" equal "$code" 0
+    try tamoctl store
+    check "stored to flash" equal "$code" 0
+    try tamoctl check "$TAMO_DB_FILE_PATH/pRBSdb"
+    show 12
+    check "a start would load the file" equal "$code" 0
+    before=$(boots)
+    try tamo_node reset "$directory" --reason 6
+    check "the node is reset" equal "$code" 0
+    check "and comes up again" boots_since "$before"
+    try tamoctl get ManagedElement=1,Site=1 name
+    check "the name is there: $output" equal "$output" north
+    try tamoctl get ManagedElement=1,Site=1 note
+    check "the note is gone, as it should be" equal "$code" 3
+}
+
+fall_back() {
+    title "A configuration that cannot be trusted"
+    local before
+    before=$(boots)
+    try tamo_node corrupt "$directory" pRBSdb --how garbage
+    check "the stored configuration of partition $(partition) is overwritten with garbage" equal "$code" 0
+    try tamoctl check "$TAMO_DB_FILE_PATH/pRBSdb"
+    show 12
+    check "a start would not take it" equal "$code" 1
+    try tamo_node reset "$directory" --reason 6
+    check "the node is reset" equal "$code" 0
+    check "finds the damage, falls back and comes up" boots_since "$((before + 1))"
+    check "on the other partition" equal "$(partition)" 2
+    try tamo_node log "$directory"
+    output=$(grep -E "SysEvnt|corrupted" <<<"$output" || true)
+    show 4
+    check "the event is in the log" grep -q "SysEvnt: pRBSdb corrupted, requesting SW fallback" <<<"$output"
 }
 
 stop() {

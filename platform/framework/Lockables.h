@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -53,16 +54,20 @@ private:
 /// A semaphore of the whole machine that survives a holder that was killed.
 ///
 /// A POSIX semaphore stays at 0 for ever when its holder gets SIGKILL, so each name is paired with a
-/// lock file, which the kernel frees. The file lock is taken first; whoever owns it and still sees
-/// a count of 0 after 5 s looks at a dead holder's and gives it back once, with a warning line.
-/// The count never rises above 1, and the name is never unlinked.
+/// lock file, which the kernel frees; those of this class queue there. Whoever owns it and sees a
+/// count of 0 waits for a holder that knows the semaphore only, and gives the count back, with a
+/// warning line, once no living process has that semaphore in its memory. The count never rises
+/// above 1, and the name is never unlinked.
 class NamedSemaphore : public Lockable {
 public:
     /// `name` begins with "/". When the semaphore cannot be opened an error line says why and
     /// lock() falls back to the file lock alone.
-    NamedSemaphore(const std::string& name, unsigned initialCount);
+    NamedSemaphore(const std::string& name, unsigned initialCount,
+                   std::chrono::milliseconds lineEvery = std::chrono::minutes(1));
     ~NamedSemaphore() override;
+    /// Waits for ever, with a warning line every `lineEvery`.
     void lock() override;
+    /// Does nothing when it is not held.
     void unlock() override;
 
 private:

@@ -1,72 +1,107 @@
 // The lock that the service shares with other processes of the node: it guards the database files
-// on flash. A semaphore alone is lost with a holder that is killed, so a file lock goes in front.
+// on flash. A semaphore alone is lost with a holder that is killed, so a file lock goes in front,
+// and who still could hold the semaphore is asked of /proc.
 
 #include "platform/framework/Lockables.h"
 
 #include "platform/middleware/Log.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <semaphore.h>
 #include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <thread>
 #include <unistd.h>
+#include <utility>
+
+namespace fs = std::filesystem;
 
 namespace TAMO::Framework {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
 constexpr mode_t accessMode = 0660;
-constexpr int patienceSeconds = 5;
 
 /// Opens the file beside the semaphore. O_CREAT on another user's file below a sticky directory is
-/// refused by the kernel (fs.protected_regular), hence the plain open first.
+/// refused by the kernel (fs.protected_regular), hence the plain open first. Programs that we start
+/// inherit it: when we are killed, our lock lasts until the copy that one of them makes is whole.
 int openLockFile(const std::string& path)
 {
     for (int attempt = 0; attempt < 3; ++attempt) {
-        int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+        int fd = ::open(path.c_str(), O_RDWR | O_NOFOLLOW);
         if (fd >= 0 || errno != ENOENT)
             return fd;
-        fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_CREAT | O_EXCL, accessMode);
+        fd = ::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CREAT | O_EXCL, accessMode);
         if (fd >= 0 || errno != EEXIST)
             return fd;
     }
     return -1;
 }
 
-/// Waits for the count; false when it was still 0 at the end of our patience.
-bool waitForCount(sem_t* semaphore)
+/// Whether a process has a file in its memory. False for one that we may not look into: the file is
+/// our user's, and so are those who use it.
+bool hasMapped(const fs::path& process, const struct stat& file)
 {
-    if (sem_trywait(semaphore) == 0)
-        return true;
-    timespec until{};
-    clock_gettime(CLOCK_MONOTONIC, &until);
-    until.tv_sec += patienceSeconds;
-    while (sem_clockwait(semaphore, CLOCK_MONOTONIC, &until) != 0)
-        if (errno != EINTR)
-            return false;
-    return true;
+    char wanted[64]; // " device inode ", as it stands in each line
+    std::snprintf(wanted, sizeof wanted, " %02x:%02x %lu ", major(file.st_dev), minor(file.st_dev), file.st_ino);
+    std::ifstream maps(process / "maps");
+    for (std::string line; std::getline(maps, line);)
+        if (line.find(wanted) != std::string::npos)
+            return true;
+    return false;
+}
+
+bool hasOpen(const fs::path& process, const struct stat& file)
+{
+    std::error_code error;
+    for (const auto& descriptor : fs::directory_iterator(process / "fd", error)) {
+        struct stat open {};
+        if (::stat(descriptor.path().c_str(), &open) == 0 && open.st_dev == file.st_dev && open.st_ino == file.st_ino)
+            return true;
+    }
+    return false;
 }
 
 } // namespace
 
 struct NamedSemaphore::State {
-    explicit State(std::string ofName) : name(std::move(ofName)), lockPath("/dev/shm/" + name.substr(1) + ".lock") {}
+    State(std::string ofName, std::chrono::milliseconds betweenLines)
+        : name(std::move(ofName)),
+          semaphorePath("/dev/shm/sem." + name.substr(1)),
+          lockPath("/dev/shm/" + name.substr(1) + ".lock"),
+          lineEvery(betweenLines)
+    {}
     ~State();
     State(const State&) = delete;
     State& operator=(const State&) = delete;
 
-    void lockFile();
-    void takeCount();
-    void giveCountBack();
+    template <class Attempt>
+    void repeat(Attempt attempt) const;
+    bool tryFile() const;
+    bool tryCount();
+    bool mayBeHeld() const;
+    void giveBackForTheDead();
 
     const std::string name;
+    const std::string semaphorePath;
     const std::string lockPath;
+    const std::chrono::milliseconds lineEvery;
     Semaphore oneThread{1}; // a file lock does not tell the threads of a process apart
     int file = -1;
     sem_t* semaphore = SEM_FAILED;
+    std::atomic<bool> held{false};
+    bool counted = false; // the holder took the count
+    Clock::time_point nextLook;
 };
 
 NamedSemaphore::State::~State()
@@ -77,45 +112,92 @@ NamedSemaphore::State::~State()
         ::close(file);
 }
 
-void NamedSemaphore::State::lockFile()
+/// Attempts until it succeeds, however long that takes, and says once in a while that it waits.
+template <class Attempt>
+void NamedSemaphore::State::repeat(Attempt attempt) const
 {
-    if (file < 0)
-        return;
-    while (::flock(file, LOCK_EX) != 0)
-        if (errno != EINTR) {
-            LOG_ERROR("Semaphore %s: cannot lock %s: %s", name.c_str(), lockPath.c_str(), std::strerror(errno));
-            return;
-        }
-}
-
-void NamedSemaphore::State::takeCount()
-{
-    // We own the file lock, so no live holder of this class has the count. The second round is only
-    // for a stranger who took what we gave back.
-    while (semaphore != SEM_FAILED && !waitForCount(semaphore)) {
-        LOG_WARNING("Semaphore %s is still held after %d s while its lock is free: its holder died. Given back.",
-                    name.c_str(), patienceSeconds);
-        giveCountBack();
+    const auto begin = Clock::now();
+    auto nextLine = begin + lineEvery;
+    for (auto pause = 100us; !attempt(); pause = std::min<std::chrono::microseconds>(2 * pause, 50ms)) {
+        std::this_thread::sleep_for(pause);
+        if (Clock::now() < nextLine)
+            continue;
+        nextLine += lineEvery;
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin).count();
+        LOG_WARNING("Semaphore %s: waiting for %lld s, another process holds it", name.c_str(),
+                    static_cast<long long>(seconds));
     }
 }
 
-void NamedSemaphore::State::giveCountBack()
+bool NamedSemaphore::State::tryFile() const
 {
-    int count = 0;
-    if (semaphore != SEM_FAILED && sem_getvalue(semaphore, &count) == 0 && count <= 0)
-        sem_post(semaphore);
+    if (file < 0 || ::flock(file, LOCK_EX | LOCK_NB) == 0)
+        return true;
+    if (errno == EWOULDBLOCK || errno == EINTR)
+        return false;
+    LOG_ERROR("Semaphore %s: cannot lock %s: %s", name.c_str(), lockPath.c_str(), std::strerror(errno));
+    return true;
 }
 
-NamedSemaphore::NamedSemaphore(const std::string& name, unsigned initialCount) : m_state(std::make_unique<State>(name))
+bool NamedSemaphore::State::tryCount()
 {
+    if (semaphore == SEM_FAILED)
+        return true;
+    if (sem_trywait(semaphore) == 0)
+        return counted = true;
+    if (errno == EAGAIN && Clock::now() >= nextLook) {
+        nextLook = Clock::now() + 1s;
+        if (!mayBeHeld())
+            giveBackForTheDead();
+    }
+    return false;
+}
+
+/// Whether some process can still post what was taken: one that has the semaphore in its memory and
+/// is none of those that queue for our file lock.
+bool NamedSemaphore::State::mayBeHeld() const
+{
+    struct stat counter {};
+    struct stat lock {};
+    if (::stat(semaphorePath.c_str(), &counter) != 0 || (file >= 0 && ::fstat(file, &lock) != 0))
+        return true;
+    const std::string self = std::to_string(::getpid());
+    std::error_code error;
+    for (const auto& process : fs::directory_iterator("/proc", error)) {
+        const std::string number = process.path().filename();
+        const bool isOther = number.find_first_not_of("0123456789") == std::string::npos && number != self;
+        if (isOther && hasMapped(process, counter) && !(file >= 0 && hasOpen(process, lock)))
+            return true;
+    }
+    return bool(error);
+}
+
+void NamedSemaphore::State::giveBackForTheDead()
+{
+    int count = 0;
+    if (sem_getvalue(semaphore, &count) != 0 || count > 0)
+        return; // its holder posted before it ended
+    LOG_WARNING("Semaphore %s is held by no process that is alive: its holder died. Given back.", name.c_str());
+    sem_post(semaphore);
+}
+
+NamedSemaphore::NamedSemaphore(const std::string& name, unsigned initialCount, std::chrono::milliseconds lineEvery)
+    : m_state(std::make_unique<State>(name, lineEvery))
+{
+    const char* const lockPath = m_state->lockPath.c_str();
     m_state->file = openLockFile(m_state->lockPath);
     if (m_state->file < 0)
-        LOG_ERROR("Semaphore %s: cannot open its lock file %s: %s. A killed holder will not be noticed.", name.c_str(),
-                  m_state->lockPath.c_str(), std::strerror(errno));
-    m_state->semaphore = sem_open(name.c_str(), O_CREAT, accessMode, std::min(initialCount, 1U));
+        LOG_ERROR("Semaphore %s: cannot open its lock file %s: %s. A killed holder may not be noticed.", name.c_str(),
+                  lockPath, std::strerror(errno));
+    struct stat existing {};
+    // A file too short to be one would end the process at the first look at its count.
+    if (::stat(m_state->semaphorePath.c_str(), &existing) == 0 && existing.st_size < static_cast<off_t>(sizeof(sem_t)))
+        errno = EINVAL;
+    else
+        m_state->semaphore = sem_open(name.c_str(), O_CREAT, accessMode, std::min(initialCount, 1U));
     if (m_state->semaphore == SEM_FAILED)
         LOG_ERROR("Semaphore %s cannot be opened: %s. The lock file %s stands in for it.", name.c_str(),
-                  std::strerror(errno), m_state->lockPath.c_str());
+                  std::strerror(errno), lockPath);
 }
 
 NamedSemaphore::~NamedSemaphore() = default;
@@ -123,13 +205,19 @@ NamedSemaphore::~NamedSemaphore() = default;
 void NamedSemaphore::lock()
 {
     m_state->oneThread.lock();
-    m_state->lockFile();
-    m_state->takeCount();
+    m_state->repeat([this] { return m_state->tryFile(); });
+    m_state->nextLook = {};
+    m_state->repeat([this] { return m_state->tryCount(); });
+    m_state->held = true;
 }
 
 void NamedSemaphore::unlock()
 {
-    m_state->giveCountBack();
+    if (!m_state->held.exchange(false))
+        return; // only what was taken is given back
+    int count = 0;
+    if (std::exchange(m_state->counted, false) && sem_getvalue(m_state->semaphore, &count) == 0 && count <= 0)
+        sem_post(m_state->semaphore);
     if (m_state->file >= 0)
         ::flock(m_state->file, LOCK_UN);
     m_state->oneThread.unlock();

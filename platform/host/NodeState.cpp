@@ -57,11 +57,34 @@ bool writeAll(int descriptor, const std::string& content)
     return true;
 }
 
-template <class Number>
-void take(const json& from, const char* key, Number& number)
+template <class Kind>
+void take(const json& from, const char* key, Kind& value)
 {
     if (const auto found = from.find(key); found != from.end())
-        found->get_to(number);
+        found->get_to(value);
+}
+
+std::optional<OperatorOrder> orderFromJson(const json& from)
+{
+    const auto found = from.find("operator_order");
+    if (found == from.end() || found->is_null())
+        return std::nullopt;
+    OperatorOrder order;
+    take(*found, "power_cut", order.powerCut);
+    take(*found, "reason", order.reason);
+    if (found->contains("controlled"))
+        order.controlled = found->at("controlled").get<std::pair<int, int>>();
+    take(*found, "stay_off", order.stayOff);
+    take(*found, "seed", order.seed);
+    return order;
+}
+
+json toJson(const OperatorOrder& order)
+{
+    json to{{"power_cut", order.powerCut}, {"reason", order.reason}, {"stay_off", order.stayOff}, {"seed", order.seed}};
+    if (order.controlled)
+        to["controlled"] = *order.controlled;
+    return to;
 }
 
 NodeState fromJson(const json& from)
@@ -72,6 +95,8 @@ NodeState fromJson(const json& from)
     take(from, "fallback_partition", state.fallbackPartition);
     take(from, "reset_reason", state.resetReason);
     take(from, "operation_mode", state.operationMode);
+    take(from, "boots_without_good_mark", state.unmarkedBoots);
+    state.order = orderFromJson(from);
     take(from, "controlled_resets", state.controlledResets);
     take(from, "ubifs_mounts", state.mounts);
     return state;
@@ -79,13 +104,13 @@ NodeState fromJson(const json& from)
 
 json toJson(const NodeState& state)
 {
-    return {{"started_partition", state.startedPartition},
-            {"active_partition", state.activePartition},
-            {"fallback_partition", state.fallbackPartition},
-            {"reset_reason", state.resetReason},
-            {"operation_mode", state.operationMode},
-            {"controlled_resets", state.controlledResets},
-            {"ubifs_mounts", state.mounts}};
+    json to{{"started_partition", state.startedPartition},   {"active_partition", state.activePartition},
+            {"fallback_partition", state.fallbackPartition}, {"reset_reason", state.resetReason},
+            {"operation_mode", state.operationMode},         {"boots_without_good_mark", state.unmarkedBoots},
+            {"controlled_resets", state.controlledResets},   {"ubifs_mounts", state.mounts}};
+    if (state.order)
+        to["operator_order"] = toJson(*state.order);
+    return to;
 }
 
 } // namespace

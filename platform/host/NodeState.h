@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -8,12 +10,27 @@
 /// What a simulated node's middleware remembers from one start of the service to the next. It stands
 /// in a JSON file, which the middleware functions, the simulated node and tests share.
 
+/// What an operator wants of a running simulated node, written by a verb and carried out, and taken away,
+/// by the node.
+struct OperatorOrder {
+    bool powerCut = false; ///< "power_cut": else a reset
+    int reason = 6;        ///< "reason": what the middleware tells the next start; of a reset
+    /// "controlled": the arguments of the controlled reset that this stands for.
+    std::optional<std::pair<int, int>> controlled = {};
+    bool stayOff = false;   ///< "stay_off": the power does not come back by itself
+    std::uint64_t seed = 0; ///< "seed": decides what a power cut leaves of unsynchronised writes
+};
+
 struct NodeState {
     int startedPartition = 1;  ///< "started_partition": the node runs from it
     int activePartition = 1;   ///< "active_partition": the next start takes it
     int fallbackPartition = 2; ///< "fallback_partition"
     int resetReason = 6;       ///< "reset_reason", in the middleware's numbering; 6: the reset was ordered
     int operationMode = 0;     ///< "operation_mode"
+    /// "boots_without_good_mark": of the started partition, the boot that is under way included.
+    int unmarkedBoots = 0;
+    /// "operator_order": absent when there is none.
+    std::optional<OperatorOrder> order = {};
     /// "controlled_resets": the arguments of each controlled reset asked for, oldest first.
     std::vector<std::pair<int, int>> controlledResets;
     /// "ubifs_mounts": the partitions mounted, oldest first.

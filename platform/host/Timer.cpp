@@ -56,7 +56,8 @@ public:
         if (!std::exchange(m_running, true))
             std::thread([this] { run(); }).detach();
         const Key key{when, ++m_lastNumber};
-        if (m_armed.emplace(key, &owner).first == m_armed.begin())
+        const auto added = m_armed.emplace(key, &owner).first; // before begin() is asked for
+        if (added == m_armed.begin())
             m_changed.notify_one();
         return key;
     }

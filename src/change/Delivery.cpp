@@ -166,7 +166,7 @@ void Delivery::deliver(Kind& kind, std::int32_t ticket, const NotificationItem* 
         if (item && client == ourselves) {
             LOG_DEBUG("Sending notification to Database!");
             if (m_own)
-                m_own(*item);
+                m_own(ticket, *item);
             continue;
         }
         NotificationBuffer* const buffer = bufferOf(client, ticket);

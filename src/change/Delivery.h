@@ -22,7 +22,7 @@ struct TAMO_DBTransactionNotifData;
 class Delivery : public ChangeSink {
 public:
     /// Takes the changes that the service itself subscribed to (as node 0).
-    using OwnHandler = std::function<void(const NotificationItem&)>;
+    using OwnHandler = std::function<void(std::int32_t ticket, const NotificationItem&)>;
 
     Delivery(Subscriptions& subscriptions, OwnHandler own);
     ~Delivery() override;

@@ -1,57 +1,31 @@
 // The common database: a few facts about the node's life that outlive the tree, in a file of its
-// own. It is written through an in-memory copy, so that the runtime database is not touched.
+// own. It is written through an in-memory copy (SideDatabase.h), so that the runtime database is not
+// touched.
 
 #include "store/SQLite.h"
 
-#include "store/ConnectionSwap.h"
+#include "persistence/SideDatabase.h"
 #include "store/FileLocations.h"
 
 #include "platform/middleware/Log.h"
 #include "platform/utility/SystemFunctions.h"
 #include "values/ValueType.h"
 
-#include <sqlite3.h>
-
 namespace {
-
-/// Loads the common file into the connection swapped in, adds the object and stores it again.
-bool insertThroughMemory(SQLite& store, DBObject& object, const std::string& client, const char* operation)
-{
-    const char* const file = store.databaseFile().c_str();
-    if (store.loadOrSaveDb(SQLite::Direction::load) != SQLITE_OK) {
-        LOG_DEBUG("SQLite::%s, Failed to load or create database %s.", operation, file);
-        return false;
-    }
-    const bool inserted = store.sql_insert(&object, false, client);
-    if (inserted)
-        LOG_DEBUG("SQLite::%s, object %s inserted into Common database %s.", operation, object.dn.c_str(), file);
-    else
-        LOG_DEBUG("SQLite::%s, Failed to insert object and attributes into database %s.", operation, file);
-    if (store.loadOrSaveDb(SQLite::Direction::save) != SQLITE_OK) {
-        LOG_DEBUG("SQLite::%s, Database %s store failed", operation, file);
-        return false;
-    }
-    LOG_DEBUG("SQLite::%s, Database %s stored", operation, file);
-    return inserted;
-}
 
 bool writeObject(SQLite& store, DBObject& object, const std::string& client, const std::string& file,
                  const char* operation)
 {
-    Connection memory;
-    const int opened = memory.open(":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, busyTimeout);
-    if (opened != SQLITE_OK) {
-        LOG_ERROR("SQLite::%s: memory database open failed. SQLite error [%d]", operation, opened);
-        return false;
-    }
-    LOG_DEBUG("SQLite::%s: memory database opened.", operation);
-    bool result = false;
-    {
-        const ConnectionSwap swap(store, memory, file);
-        result = insertThroughMemory(store, object, client, operation);
-    }
-    LOG_DEBUG("SQLite::%s: closing memory database.", operation);
-    return result;
+    SideDatabase common(store, operation);
+    return common.open() && common.change(file, [&] {
+        const bool inserted = store.sql_insert(&object, false, client);
+        if (inserted)
+            LOG_DEBUG("SQLite::%s, object %s inserted into Common database %s.", operation, object.dn.c_str(),
+                      file.c_str());
+        else
+            LOG_DEBUG("SQLite::%s, Failed to insert object and attributes into database %s.", operation, file.c_str());
+        return inserted;
+    });
 }
 
 } // namespace
@@ -76,14 +50,10 @@ bool SQLite::sql_insert_to_commondb(DBObject* object, bool, int, const std::stri
         return false;
     };
     // A copy cannot be taken from a connection that is inside a write transaction.
-    if (saveCurrentFirst && !m_runtime->inTransaction()) {
-        if (loadOrSaveDb(Direction::save) != SQLITE_OK) {
-            LOG_DEBUG("SQLite::%s, Failed to save current database %s.", operation, m_databaseFile.c_str());
-            return failed();
-        }
-    } else {
+    if (!saveCurrentFirst || m_runtime->inTransaction())
         LOG_INFO("SQLite::%s, current DB NOT saved", operation);
-    }
+    else if (!saveCurrentDatabase(*this, operation))
+        return failed();
     const auto file = commonDbWriteFile();
     if (!file) {
         LOG_DEBUG("SQLite::%s, Failed to load environment setting.", operation);

@@ -36,7 +36,11 @@ std::optional<int> integerOf(const Value& value)
 /// The mode in the runtime database; none when it holds no usable one.
 std::optional<int> SQLite::storedSystemMode()
 {
-    const auto attribute = sql_get_attribute(oamPair, "systemMode", "SQLite::validateSystemMode", false);
+    constexpr const char* name = "systemMode";
+    const std::int32_t oam = get_object_id(oamPair, 1);
+    if (oam == 0 || !checkAttributeExistence(name, oam)) // most configurations are for any mode
+        return std::nullopt;
+    const auto attribute = sql_get_attribute(oam, name, "SQLite::validateSystemMode", false);
     if (!attribute)
         return std::nullopt;
     const auto mode = integerOf(attribute->value);

@@ -3,6 +3,7 @@
 
 #include "persistence/StartUpLoad.h"
 
+#include "persistence/SideDatabase.h"
 #include "store/FileLocations.h"
 #include "store/Statement.h"
 
@@ -25,16 +26,6 @@ bool isIntact(Connection& connection)
 {
     Statement check(&connection, "PRAGMA integrity_check");
     return check.next() && check.text(0) == "ok";
-}
-
-/// Made ready for a database in which other row ids hold.
-void detach(DBObject& object)
-{
-    object.id = 0;
-    object.parentId = 0;
-    object.parentMOInstance = 0;
-    for (auto& [name, attribute] : object.attributes)
-        attribute.changed = true;
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include "store/FileLocations.h"
 
 #include "platform/middleware/Log.h"
+#include "platform/utility/SystemFunctions.h"
 
 #include <sqlite3.h>
 
@@ -47,6 +48,7 @@ bool SQLite::StartUpLoad::restore()
     LOG_INFO("SQLite::%s, systemModeValidated: %s", operation, text(validated));
     if (!validated)
         return refuseRestoredMode();
+    flushFileSystems(); // a power cut must not find both gone
     removeBackupDirectory();
     return true;
 }

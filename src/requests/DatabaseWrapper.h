@@ -6,10 +6,12 @@
 #include "requests/DatabaseWrapper_StateMachine.h"
 #include "requests/ObjectTemplate.h"
 
+#include "platform/framework/Timer.h"
 #include "platform/messages/RawMessage.h"
 #include "values/Attribute.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 /// The request service: every message for the node reaches it as an event and is handled on its
@@ -73,8 +75,26 @@ public:
     bool unRegisterNotif(std::int32_t ticket, std::int32_t client);
     bool mapErase(std::int32_t ticket, std::int32_t client);
 
+    // Storing to flash: on request, on the timer, and late (DatabaseWrapper_Store.cpp)
+    void handleStorePersistentDump(const RawMessage* raw);
+    /// Stores, and once more after a failure; a second one orders a software fallback. A failed
+    /// backup is only reported.
+    bool StorePersistentDump(bool backup);
+    /// What the service subscribed to for itself: the state of a software upgrade.
+    void handleNotif(std::int32_t ticket, const std::string& dn, const Value& value, std::int32_t operation);
+    /// To be called after a change that nobody was told of (a commit without notifications, a clean):
+    /// reads the state of the software upgrade again and carries out what was put off for it.
+    void reconsiderDelayedStores();
+    /// Stores what has changed, when auto-integration is completed, and arms the timer again.
+    void handleTimeout(int state) override;
+
     // Maintenance requests (DatabaseWrapper_Maintenance.cpp)
     void handleOrderReady(const RawMessage* raw);
+    void handleStoreBrMBackup(const RawMessage* raw);
+    void handleDBIntegrityCheck(const RawMessage* raw);
+    void handleCleanDatabase(const RawMessage* raw);
+    void handleShutdownDb(const RawMessage* raw);
+    void handleLoadAlternateStorage(const RawMessage* raw);
 
     // Questions about the service itself (DatabaseWrapper_Diagnostics.cpp)
     void handleListClients(const RawMessage* raw);
@@ -86,13 +106,24 @@ protected:
     void processEvent(TAMO::Framework::MessageEvent& event) override;
 
 private:
+    bool commitSilently(const std::string& key);
     bool runTransactionAction(const std::string& key, std::int32_t action, bool noNotifications);
     bool createObject(const std::string& file, const std::string& dn, std::int32_t MOInstance,
                       const std::string& client, struct OperationRecord& record);
     bool insertTemplateObject(const std::string& dn, std::int32_t MOInstance, const std::string& client);
     bool insertTemplateStructs(const std::string& dn, const std::string& client);
 
+    bool armTimer();
+    void storePeriodically();
+    bool isDelayed(bool backup, bool ignoreUpgradeState);
+    void applyUpgradeState(std::optional<std::int32_t> state, const char* operation);
+
+    TAMO::Framework::Timer m_timer;
     Subscriptions m_subscriptions;
     Delivery m_delivery;
+    // Stores that a client was promised, put off until the software upgrade is in a safe state.
+    bool m_storeDumpDelayed = false;
+    bool m_storeBackupDelayed = false;
+    std::int32_t m_upgradeStateTicket = Subscriptions::noTicket;
     ObjectTemplate m_template; // of the create-object request being handled
 };

@@ -53,11 +53,17 @@ constexpr Route routes[] = {
     {TAMO_DBCreateObject::id, to<&DatabaseWrapper::handleCreateObject>},
     {TAMO_DBSetAttributeValues::id, to<&DatabaseWrapper::handleSetAttributeValues>},
     {TAMO_DBSetAttributeValue::id, to<&DatabaseWrapper::handleSetAttributeValue>},
+    {TAMO_DBStorePersistentDump::id, to<&DatabaseWrapper::handleStorePersistentDump>},
     {TAMO_DBPresence::id, to<&DatabaseWrapper::handlePresence>},
+    {TAMO_DBShutdownDb::id, to<&DatabaseWrapper::handleShutdownDb>},
+    {TAMO_DBCleanDatabase::id, to<&DatabaseWrapper::handleCleanDatabase>},
     {TAMO_getWholeDn::id, to<&DatabaseWrapper::handleGetWholeDn>},
     {TAMO_deleteAttribute::id, to<&DatabaseWrapper::handleDeleteAttribute>},
+    {TAMO_DBLoadAlternateStorage::id, to<&DatabaseWrapper::handleLoadAlternateStorage>},
     {TAMO_DBFetchAttr::id, to<&DatabaseWrapper::handleFetchAttr>},
     {TAMO_DBUnRegToAllNotifs::id, to<&DatabaseWrapper::handleUnRegisterAll>},
+    {TAMO_DBStoreBrMBackup::id, to<&DatabaseWrapper::handleStoreBrMBackup>},
+    {TAMO_DBIntegrityCheck::id, to<&DatabaseWrapper::handleDBIntegrityCheck>},
 };
 static_assert(std::ranges::adjacent_find(routes, std::greater_equal{}, &Route::id) == std::end(routes),
               "one row per message id, ascending");
@@ -71,7 +77,11 @@ const Route* routeOf(std::uint32_t id)
 } // namespace
 
 DatabaseWrapper::DatabaseWrapper(const std::string& threadName)
-    : DatabaseWrapper_StateMachine(threadName), m_delivery(m_subscriptions, nullptr)
+    : DatabaseWrapper_StateMachine(threadName),
+      m_timer(*this),
+      m_delivery(m_subscriptions, [this](std::int32_t ticket, const NotificationItem& item) {
+          handleNotif(ticket, item.realDn(), item.value, item.operation);
+      })
 {
     SQLite::getInstance().announceTo(&m_delivery);
 }
@@ -82,6 +92,7 @@ void DatabaseWrapper::enterListening()
 {
     m_delivery.addBuffer(vex, SubscriptionKey::modelObjectsWithAlternate);
     Messaging::registerMessageHandler(*this, messageReceived);
+    armTimer();
 }
 
 void DatabaseWrapper::exitListening() { m_delivery.dropBuffers(); }

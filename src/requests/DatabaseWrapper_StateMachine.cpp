@@ -7,6 +7,10 @@ using namespace TAMO::Framework;
 bool DatabaseWrapper_StateMachine::dispatch(Event& event)
 {
     if (state() == stListening) {
+        if (event.id() == timerExpired) {
+            handleTimeout(state());
+            return true;
+        }
         if (event.id() == messageReceived) {
             processEvent(static_cast<MessageEvent&>(event));
             return true;

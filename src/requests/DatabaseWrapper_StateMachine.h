@@ -18,6 +18,9 @@ public:
     void enterState(int newState) override;
     void exitState() override;
 
+    /// The timer has expired while the machine was in `state`.
+    virtual void handleTimeout(int state) = 0;
+
 protected:
     virtual void enterListening() = 0;
     virtual void exitListening() = 0;

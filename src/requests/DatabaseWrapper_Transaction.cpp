@@ -179,9 +179,11 @@ bool DatabaseWrapper::runTransactionAction(const std::string& key, std::int32_t 
         return false;
     }
     if (action == transactionCommit && noNotifications) {
-        const auto silence = SQLite::getInstance().withoutNotifications();
         LOG_INFO("Transaction %s commit without notifications started", key.c_str());
-        return commitTransaction(key);
+        if (!commitSilently(key))
+            return false;
+        reconsiderDelayedStores();
+        return true;
     }
     if (action == transactionCommit) {
         LOG_INFO("Transaction %s commit started", key.c_str());
@@ -192,6 +194,12 @@ bool DatabaseWrapper::runTransactionAction(const std::string& key, std::int32_t 
         return rollbackTransaction(key);
     }
     return false;
+}
+
+bool DatabaseWrapper::commitSilently(const std::string& key)
+{
+    const auto silence = SQLite::getInstance().withoutNotifications();
+    return commitTransaction(key);
 }
 
 bool DatabaseWrapper::commitTransaction(const std::string& key)

@@ -1,4 +1,5 @@
-// Parked attribute values: writing, reading and counting them. Loading a slot is the store's affair.
+// Parked attribute values: writing, reading and counting them. AlternateStorage_Load.cpp makes them
+// live again.
 
 #include "store/AlternateStorage.h"
 
@@ -42,7 +43,9 @@ bool AlternateStorage::tableExists()
     if (!m_connection.alternateTable) {
         Statement table(&m_connection, "select 1 from sqlite_master where type = 'table' and name = %Q",
                         "Attribute_AltStorage");
-        m_connection.alternateTable = table.next();
+        if (!table.next() && !table.done())
+            return true;
+        m_connection.alternateTable = !table.done();
     }
     return *m_connection.alternateTable;
 }

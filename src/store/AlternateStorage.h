@@ -28,17 +28,27 @@ public:
                                                const std::string& client);
     /// Copies a parked attribute into `attribute` when there is one. False on an SQLite error only.
     virtual bool getAlternateStorageAttribute(std::int32_t objectId, const std::string& name, Attribute& attribute);
+    /// Makes the values parked in the slot the live ones, in a transaction of its own, all or none, and
+    /// drops the table when nothing is left in it. Subscribers are told by the time it returns. True
+    /// also when nothing was parked. For the connection that the store works on, and not inside a
+    /// transaction (false). SharedLock must not be held: the table could not be dropped.
+    virtual bool loadAlternateStorage(std::int32_t slot);
     virtual bool hasAlternateStorageAttributes(std::int32_t objectId);
     /// No parked row, or no table.
     virtual bool alternateStorageEmpty();
     virtual bool dropAlternateStorage();
 
-    /// Whether the table is there; asked of SQLite once until something may have changed it.
+    /// False when there is no table; asked of SQLite once until something may have changed it. True
+    /// also when SQLite could not say: the statement that needs the table then meets the error.
     bool tableExists();
 
 private:
     bool createTable();
-    std::optional<bool> anyRow(class Statement& rows, const char* operation);
+    int moveToLive(std::int32_t slot);
+    int moveRow(const class Statement& row);
+    bool emptySlot(std::int32_t slot);
+    bool dropWhenEmpty();
+    std::optional<bool> anyRow(Statement& rows, const char* operation);
 
     Connection& m_connection;
 };

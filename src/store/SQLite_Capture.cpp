@@ -4,6 +4,7 @@
 
 #include "store/SQLite.h"
 
+#include "store/AlternateStorage.h"
 #include "store/Statement.h"
 #include "store/ValueBinding.h"
 
@@ -218,6 +219,8 @@ void SQLite::sql_collectOnePair_Attribute(Connection* connection, int operation,
 {
     if (unavailable(__func__) || !m_ownerKnown)
         return;
+    if (alternate && !AlternateStorage(*connection).tableExists())
+        return; // emptied and dropped since, by the load of a slot
     Statement row(connection, "select name, value, value_type, hidden from %Q where rowid = %ld",
                   alternate ? alternateTable : attributeTable, rowId);
     if (!row.prepared()) {

@@ -106,8 +106,8 @@ int SQLite::openDatabaseFile(Connection& file, Direction direction)
     if (result != SQLITE_OK) {
         LOG_ERROR("Error opening database file!");
     } else {
-        if (isDump)
-            file.execute("PRAGMA journal_mode = OFF; PRAGMA synchronous = OFF;");
+        // EXTRA: a power cut after the commit could else bring the removed journal back, and with it the old content.
+        file.execute(isDump ? "PRAGMA journal_mode = OFF; PRAGMA synchronous = OFF;" : "PRAGMA synchronous = EXTRA;");
         if (created)
             result = createSchema(file);
     }
