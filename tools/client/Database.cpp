@@ -12,6 +12,9 @@ using namespace TAMO::Messages;
 
 namespace {
 
+/// The client whose stores are not held back until auto-integration is completed.
+constexpr std::int32_t autoIntegrationNode = 8;
+
 /// Within a transaction an attribute that is queued for deletion is still in the answer, marked.
 void dropDeleted(DBObject& object)
 {
@@ -249,6 +252,61 @@ bool Database::ready()
 {
     TAMO_DBOrderReady request;
     return m_client.request<TAMO_DBOrderReadyRsp>(request).success;
+}
+
+bool Database::storePersistent(bool backup, bool ignoreUpgradeState)
+{
+    TAMO_DBStorePersistentDump request;
+    request.backup = backup;
+    request.ignoreUpgradeState = ignoreUpgradeState;
+    return m_client.request<TAMO_DBStorePersistentDumpRsp>(request).success;
+}
+
+StoreOutcome Database::storeOutcome(bool ignoreUpgradeState)
+{
+    constexpr std::int32_t completed = 4; // auto-integration
+    const auto number = [this](const char* dn, const char* name) -> std::optional<std::int32_t> {
+        const auto attribute = fetchAttribute(dn, name);
+        const auto* const value = attribute ? std::get_if<std::int32_t>(&attribute->value) : nullptr;
+        return value ? std::optional(*value) : std::nullopt;
+    };
+    if (m_client.node() != autoIntegrationNode && number("OAM", "AI_phase") != completed)
+        return StoreOutcome::notYet;
+    const auto upgrade = number("UpgradePackage=1", "state");
+    const bool unsafe = upgrade == 2 || upgrade == 4 || upgrade == 8;
+    return unsafe && !ignoreUpgradeState ? StoreOutcome::delayed : StoreOutcome::stored;
+}
+
+bool Database::storeBackupFragments()
+{
+    TAMO_DBStoreBrMBackup request;
+    return m_client.request<TAMO_DBStoreBrMBackupRsp>(request).success;
+}
+
+void Database::checkIntegrity()
+{
+    TAMO_DBIntegrityCheck request;
+    m_client.post(request);
+    ready();
+}
+
+bool Database::clean()
+{
+    TAMO_DBCleanDatabase request;
+    return m_client.request<TAMO_DBCleanDatabaseRsp>(request).success;
+}
+
+bool Database::shutDown()
+{
+    TAMO_DBShutdownDb request;
+    return m_client.request<TAMO_DBShutdownDbRsp>(request).success;
+}
+
+bool Database::loadSlot(std::int32_t slot)
+{
+    TAMO_DBLoadAlternateStorage request;
+    request.slot = slot;
+    return m_client.request<TAMO_DBLoadAlternateStorageRsp>(request).success;
 }
 
 namespace {

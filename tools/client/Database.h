@@ -16,6 +16,12 @@ class ObjectRequest;
 class ListAnswer;
 } // namespace TAMO::Messages
 
+enum class StoreOutcome {
+    stored,
+    notYet,  ///< auto-integration is not completed: nothing was stored
+    delayed, ///< until the software upgrade is in a safe state
+};
+
 /// The service's requests as calls. DNs are whole DNs. Writes answer what the service answered;
 /// trouble on the way is a ClientError.
 ///
@@ -60,6 +66,22 @@ public:
     [[nodiscard]] bool createFromTemplate(const std::string& file, const std::string& dn);
     /// Whether the service has completed its start.
     bool ready();
+
+    /// Stores the persistent content as the permanent configuration, or as its backup copy. True also
+    /// when the service has put it off or has nothing to store yet: StoreOutcome of storeOutcome().
+    [[nodiscard]] bool storePersistent(bool backup, bool ignoreUpgradeState);
+    /// What a store answered true has come to, judged by what the tree says now.
+    StoreOutcome storeOutcome(bool ignoreUpgradeState);
+    [[nodiscard]] bool storeBackupFragments();
+    /// Has the service check its database files. It tells the result to its log only; when this
+    /// returns, the check is over.
+    void checkIntegrity();
+    /// Empties the tree and removes the permanent configuration.
+    [[nodiscard]] bool clean();
+    /// Removes the permanent configuration; the service refuses all work until it is started anew.
+    [[nodiscard]] bool shutDown();
+    /// Makes the values that are parked in the slot live. True also when there are none.
+    [[nodiscard]] bool loadSlot(std::int32_t slot);
 
     /// Starts a client transaction under this id, or one drawn at random, and answers the id. None when
     /// the service refuses: a transaction of our node with that id is open already.

@@ -5,7 +5,7 @@ enum class Trouble;
 /// The exit codes of the client tools, which scripts rely on.
 enum class ExitCode {
     success = 0,
-    refused = 1, ///< by the service
+    refused = 1, ///< by the service; or what was examined is not as it should be
     usage = 2,   ///< wrong arguments or input
     notFound = 3,
     noService = 4,

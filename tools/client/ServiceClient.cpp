@@ -114,14 +114,24 @@ void ServiceClient::greet(Deadline deadline)
     m_service = hello.node;
 }
 
-void ServiceClient::exchange(Messages::TransactionMessage& message, Messages::TransactionMessage& answer,
-                             std::chrono::milliseconds extra)
+void ServiceClient::sendRequest(Messages::TransactionMessage& message, Deadline deadline)
 {
     if (m_socket < 0)
         fail(Trouble::noService, "not connected any more");
-    const Deadline deadline = Clock::now() + m_options.timeout + extra;
     message.transId = m_transaction ? *m_transaction : drawTransactionId();
     send(message, deadline);
+}
+
+void ServiceClient::post(Messages::TransactionMessage& message)
+{
+    sendRequest(message, Clock::now() + m_options.timeout);
+}
+
+void ServiceClient::exchange(Messages::TransactionMessage& message, Messages::TransactionMessage& answer,
+                             std::chrono::milliseconds extra)
+{
+    const Deadline deadline = Clock::now() + m_options.timeout + extra;
+    sendRequest(message, deadline);
     for (;;) {
         RawMessage raw = receive(deadline);
         if (raw.id == Messages::TAMO_DBNotification::id) {

@@ -61,6 +61,10 @@ public:
         return answer;
     }
 
+    /// Sends a request that gets no answer. One that does tells that this one has been handled: the
+    /// service handles what we send in order.
+    void post(TAMO::Messages::TransactionMessage& message);
+
     /// The transaction id of the requests from now on; none draws one for each again. With an id that
     /// stays the same, the late answer to a request that timed out would be taken for that of the next
     /// one of its kind: after a timeout there is nothing left but to abort.
@@ -81,6 +85,7 @@ public:
 private:
     using Deadline = Clock::time_point;
 
+    void sendRequest(TAMO::Messages::TransactionMessage& message, Deadline deadline);
     void exchange(TAMO::Messages::TransactionMessage& message, TAMO::Messages::TransactionMessage& answer,
                   std::chrono::milliseconds extra);
 

@@ -11,8 +11,34 @@
 namespace fs = std::filesystem;
 
 namespace {
-constexpr int partitions[] = {1, 2, goldenPartition};
+
+/// Trees that the storage holds; the others are memory, or nobody writes them.
+constexpr const char* lasting[] = {"flash", "config", "common", "backup"};
+
+/// Whether something of `keep` is `path` or below it.
+bool isNeeded(const std::string& path, const std::vector<std::string>& keep)
+{
+    for (const auto& needed : keep)
+        if (needed == path || needed.starts_with(path + '/'))
+            return true;
+    return false;
 }
+
+/// Empties `directory`, which the node knows as `name`. What is mounted there for `keep` stays.
+bool empty(const std::string& directory, const std::string& name, const std::vector<std::string>& keep,
+           std::string& problem)
+{
+    std::error_code error;
+    for (fs::directory_iterator entry(directory, error), end; !error && entry != end; entry.increment(error))
+        if (!isNeeded(name + '/' + entry->path().filename().string(), keep))
+            if (fs::remove_all(entry->path(), error); error)
+                break;
+    if (error)
+        problem = "cannot clear " + directory + ": " + error.message();
+    return !error;
+}
+
+} // namespace
 
 std::vector<std::pair<std::string, std::string>> NodeLayout::environment(int partition) const
 {
@@ -29,6 +55,8 @@ std::vector<std::pair<std::string, std::string>> NodeLayout::environment(int par
         {"MOM_BOM_MAPPING_FILE_PATH", conf()},
         {"TAMO_CONFIG_PARTITIONS", configurationAreas()},
         {"TAMO_NODE_STATE", stateFile()},
+        {"TAMO_NODE_MEDIUM", medium()},
+        {"TAMO_NODE_ROOT", root()},
     };
 }
 
@@ -44,10 +72,12 @@ bool NodeLayout::make(std::string& problem) const
     }
     std::vector<std::string> wanted{sockets(),    runtime(), common(), backup() + "/database",
                                     backupWork(), conf(),    dump(),   privateTmp()};
-    for (const int partition : partitions) {
+    for (int partition = 1; partition <= goldenPartition; ++partition) {
         wanted.push_back(flash(partition));
-        wanted.push_back(configurationAreas() + '/' + std::to_string(partition));
+        wanted.push_back(configurationArea(partition));
     }
+    for (const char* tree : lasting)
+        wanted.push_back(medium() + '/' + tree);
     std::error_code error;
     for (const auto& directory : wanted)
         if (fs::create_directories(directory, error); error) {
@@ -58,17 +88,10 @@ bool NodeLayout::make(std::string& problem) const
     return true;
 }
 
-bool NodeLayout::clearVolatile(std::string& problem) const
+bool NodeLayout::clearVolatile(bool ownTmp, const std::vector<std::string>& keep, std::string& problem) const
 {
-    for (const auto& directory : {sockets(), runtime()}) {
-        std::error_code error;
-        for (fs::directory_iterator entry(directory, error), end; !error && entry != end; entry.increment(error))
-            if (fs::remove_all(entry->path(), error); error)
-                break;
-        if (error) {
-            problem = "cannot clear " + directory + ": " + error.message();
-            return false;
-        }
-    }
-    return true;
+    if (!empty(sockets(), sockets(), {}, problem) || !empty(runtime(), runtime(), {}, problem))
+        return false;
+    // By its own name: under /tmp, `keep` is mounted on top of it.
+    return !ownTmp || (empty(privateTmp(), "/tmp", keep, problem) && empty("/dev/shm", "/dev/shm", keep, problem));
 }

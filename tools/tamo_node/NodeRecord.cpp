@@ -2,10 +2,10 @@
 #include "NodeRecord.h"
 
 #include "platform/host/NodeState.h"
-#include "platform/utility/SystemFunctions.h"
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -44,15 +44,29 @@ json activeFaults(const NodeRecord& record)
     return active;
 }
 
-json resetRequests(const NodeRecord& record)
+json resetOrders(const NodeRecord& record)
 {
-    json requests = json::array();
+    json orders = json::array();
     for (const auto& reset : record.resets)
-        requests.push_back({{"time", reset.time},
-                            {"reason", reset.reason},
-                            {"reason_text", tamoResetReasontoString(reset.reason)},
-                            {"second", reset.second}});
-    return requests;
+        orders.push_back({{"time", reset.time},
+                          {"by", reset.by},
+                          {"order", reset.order},
+                          {"reason", reset.reason},
+                          {"second", reset.second},
+                          {"repeated", reset.repeated}});
+    return orders;
+}
+
+json bootList(const NodeRecord& record)
+{
+    json boots = json::array();
+    for (const auto& boot : record.boots)
+        boots.push_back({{"time", boot.time},
+                         {"partition", boot.partition},
+                         {"reset_reason", boot.resetReason},
+                         {"cause", boot.cause},
+                         {"good", boot.good}});
+    return boots;
 }
 
 template <class Number>
@@ -74,7 +88,9 @@ json toJson(const NodeRecord& record)
             {"signal", orNull(record.signal)},
             {"problem", record.problem},
             {"fault_events", faultEvents(record)},
-            {"resets", resetRequests(record)}};
+            {"resets", resetOrders(record)},
+            {"boots", bootList(record)},
+            {"boot_count", record.bootCount}};
 }
 
 std::optional<int> optionalNumber(const json& from, const char* key)
@@ -97,9 +113,26 @@ NodeRecord fromJson(const json& from)
     from.at("problem").get_to(record.problem);
     for (const auto& event : from.at("fault_events"))
         record.faults.push_back({event.at("time"), event.at("code"), event.at("raised")});
-    for (const auto& request : from.at("resets"))
-        record.resets.push_back({request.at("time"), request.at("reason"), request.at("second")});
+    for (const auto& order : from.at("resets"))
+        record.resets.push_back({order.at("time"), order.at("by"), order.at("order"), order.at("reason"),
+                                 order.at("second"), order.at("repeated")});
+    for (const auto& boot : from.at("boots"))
+        record.boots.push_back(
+            {boot.at("time"), boot.at("partition"), boot.at("reset_reason"), boot.at("cause"), boot.at("good")});
+    from.at("boot_count").get_to(record.bootCount);
     return record;
+}
+
+} // namespace
+
+namespace {
+
+/// The last order that was not a repetition; null when there was none.
+json lastReset(const NodeRecord& record)
+{
+    const json orders = resetOrders(record);
+    const auto found = std::find_if(orders.rbegin(), orders.rend(), [](const json& o) { return !o.at("repeated"); });
+    return found == orders.rend() ? json() : *found;
 }
 
 } // namespace
@@ -148,12 +181,14 @@ std::string statusText(const NodeRecord& record, const std::string& directory, c
     json status = toJson(record);
     status["directory"] = directory;
     status["faults"] = activeFaults(record);
+    status["last_reset"] = lastReset(record);
     NodeState state;
     std::string problem;
     if (readNodeState(stateFile, state, problem)) {
         status["started_partition"] = state.startedPartition;
         status["active_partition"] = state.activePartition;
         status["fallback_partition"] = state.fallbackPartition;
+        status["boots_without_good_mark"] = state.unmarkedBoots;
         status["reset_reason"] = state.resetReason;
         status["operation_mode"] = state.operationMode;
         status["controlled_resets"] = state.controlledResets;

@@ -12,24 +12,37 @@ struct NodeRecord {
         int code = 0;
         bool raised = false;
     };
+    /// One order to reset the node.
     struct Reset {
         std::string time;
-        int reason = 0; ///< TamoResetReason numbering
-        int second = 0;
+        std::string by;        ///< "middleware", "reset service" or "operator"
+        std::string order;     ///< as it was given
+        int reason = 0;        ///< TamoResetReason of a TAMO_ResetRBS, else the middleware's first argument or reason
+        int second = 0;        ///< of a TAMO_ResetRBS, or the middleware's second argument
+        bool repeated = false; ///< came while another was under way, and counts as that one
+    };
+    struct Boot {
+        std::string time;
+        int partition = 0;
+        int resetReason = 0; ///< middleware numbering
+        std::string cause;
+        std::string good; ///< when it got its good mark; empty: not (yet)
     };
 
-    std::string state = "starting"; ///< starting, up, stopping, down or failed
+    std::string state = "starting"; ///< starting, up, resetting, stopping, down, off (power cut) or failed
     pid_t pid = 0;                  ///< of tamo_db; 0 when it does not run
     pid_t supervisor = 0;
     std::string isolation; ///< "private", or "shared" and why
     std::string started;   ///< times are UTC, ISO 8601
     std::string ready;
     std::string ended;
-    std::optional<int> exitCode; ///< of tamo_db, when it ended by itself
-    std::optional<int> signal;   ///< that ended tamo_db
+    std::optional<int> exitCode; ///< of the tamo_db that ended last, when no signal ended it
+    std::optional<int> signal;   ///< that ended it
     std::string problem;         ///< why the state is failed
     std::vector<Fault> faults;   ///< every fault message, oldest first
-    std::vector<Reset> resets;   ///< every reset request, oldest first
+    std::vector<Reset> resets;   ///< every order, oldest first
+    std::vector<Boot> boots;     ///< since the node was switched on, oldest first
+    int bootCount = 0;
 };
 
 [[nodiscard]] bool writeRecord(const std::string& path, const NodeRecord& record, std::string& problem);

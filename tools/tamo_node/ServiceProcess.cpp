@@ -66,12 +66,27 @@ void ServiceProcess::signal(int number) const
         ::kill(m_pid, number);
 }
 
+void ServiceProcess::killAll() const
+{
+    if (m_pid > 0) // it leads a group of that number
+        ::kill(-m_pid, SIGKILL);
+}
+
 bool ServiceProcess::collect(NodeRecord& record)
 {
-    int status = 0;
-    if (m_pid <= 0 || ::waitpid(m_pid, &status, WNOHANG) != m_pid)
+    siginfo_t ended{};
+    if (m_pid <= 0 || ::waitid(P_PID, static_cast<id_t>(m_pid), &ended, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+        ended.si_pid != m_pid)
         return false;
+    killAll(); // while its number cannot be given to others
+    int status = 0;
+    ::waitpid(m_pid, &status, 0);
+    // Its commands are our children now (Supervisor::run asks for that); they must not write any more.
+    while (::waitpid(-m_pid, nullptr, 0) > 0) {
+    }
     m_pid = 0;
+    record.exitCode.reset();
+    record.signal.reset();
     if (WIFEXITED(status))
         record.exitCode = WEXITSTATUS(status);
     else

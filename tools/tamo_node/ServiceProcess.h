@@ -16,7 +16,10 @@ public:
     bool running() const { return m_pid > 0; }
     pid_t pid() const { return m_pid; }
     void signal(int number) const;
-    /// True when the process has ended since; its exit code or signal is then in `record`.
+    /// Kills it and every command it runs.
+    void killAll() const;
+    /// True when the process has ended since; its exit code or signal is then in `record`, and the commands
+    /// it was running are gone, too.
     bool collect(NodeRecord& record);
 
 private:

@@ -1,64 +1,38 @@
-// The supervisor's loop: one thread that takes signals, the messages of the stand-ins (whose I/O
-// threads leave them in a mailbox) and the passing of time, and keeps the status file up to date.
+// The supervisor's loop: one thread that takes signals, the messages of the stand-ins (whose I/O threads
+// leave them in a mailbox), changes of the node's state file (where the middleware's functions and the verbs
+// leave their orders) and the passing of time, and keeps the status file up to date.
 #include "Supervisor.h"
 
-#include "platform/host/MessageNode.h"
+#include "BootRule.h"
+#include "NodeRoot.h"
+#include "PowerCut.h"
+#include "StandIns.h"
+
+#include "platform/host/Descriptor.h"
+#include "platform/host/Medium.h"
 #include "platform/host/NodeState.h"
 #include "platform/messages/Answers.h"
 #include "platform/messages/Notifications.h"
 #include "platform/middleware/Log.h"
 #include "platform/utility/SystemFunctions.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstring>
-#include <mutex>
 #include <poll.h>
-#include <stdexcept>
-#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <sys/prctl.h>
 #include <sys/signalfd.h>
+#include <tuple>
 #include <unistd.h>
-#include <vector>
 
 using namespace TAMO;
 
 namespace {
 
-constexpr std::int32_t serviceNode = 0;
 constexpr std::size_t mostEvents = 1000; // kept of each kind; a service gone wild must not fill the disk
 constexpr int pollWhileWaiting = 20;     // milliseconds
-
-/// Messages on their way from the I/O threads to the supervisor's loop.
-class Mailbox {
-public:
-    Mailbox() : m_bell(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-    ~Mailbox() { ::close(m_bell); }
-    Mailbox(const Mailbox&) = delete;
-    Mailbox& operator=(const Mailbox&) = delete;
-
-    void put(std::shared_ptr<RawMessage> message)
-    {
-        const std::lock_guard lock(m_mutex);
-        m_messages.push_back(std::move(message));
-        const std::uint64_t one = 1;
-        [[maybe_unused]] const ssize_t rung = ::write(m_bell, &one, sizeof one);
-    }
-    std::vector<std::shared_ptr<RawMessage>> takeAll()
-    {
-        const std::lock_guard lock(m_mutex);
-        std::uint64_t count = 0;
-        [[maybe_unused]] const ssize_t silenced = ::read(m_bell, &count, sizeof count);
-        return std::exchange(m_messages, {});
-    }
-    int bell() const { return m_bell; }
-
-private:
-    int m_bell;
-    std::mutex m_mutex;
-    std::vector<std::shared_ptr<RawMessage>> m_messages;
-};
 
 template <class Entry>
 void keep(std::vector<Entry>& entries, Entry entry)
@@ -68,24 +42,42 @@ void keep(std::vector<Entry>& entries, Entry entry)
     entries.push_back(std::move(entry));
 }
 
+Framework::Descriptor signalSource()
+{
+    sigset_t handled;
+    sigemptyset(&handled);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGCHLD})
+        sigaddset(&handled, number);
+    ::sigprocmask(SIG_BLOCK, &handled, nullptr); // before any thread is made: they inherit it
+    ::signal(SIGPIPE, SIG_IGN);
+    return Framework::Descriptor(::signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+/// Tells of files that are renamed into place in the node's directory, as the state file is.
+Framework::Descriptor stateSource(const std::string& directory)
+{
+    Framework::Descriptor changes(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (changes && ::inotify_add_watch(changes.get(), directory.c_str(), IN_MOVED_TO) < 0)
+        changes.reset();
+    return changes;
+}
+
+std::string controlledResetText(int first, int second)
+{
+    return "controlled reset (" + std::to_string(first) + ", " + std::to_string(second) + ")";
+}
+
+std::string resetRequestText(int reason, int second)
+{
+    return "TAMO_ResetRBS, reason " + std::to_string(reason) + " (" + tamoResetReasontoString(reason) + "), " +
+           std::to_string(second);
+}
+
 } // namespace
 
-struct Supervisor::Platform {
-    explicit Platform(const std::string& directory)
-        : faultManagement({directory, "fm", 3, true, {}}), reset({directory, "reset", 9, true, {"db"}})
-    {
-        const auto post = [this](std::shared_ptr<RawMessage> message) { mailbox.put(std::move(message)); };
-        faultManagement.setHandler(post);
-        reset.setHandler(post);
-    }
-    ~Platform()
-    {
-        faultManagement.stop();
-        reset.stop();
-    }
-    Mailbox mailbox; // first, so that it outlives the nodes' threads
-    Framework::MessageNode faultManagement;
-    Framework::MessageNode reset;
+struct Supervisor::Sources {
+    Framework::Descriptor signals;
+    Framework::Descriptor changes;
 };
 
 Supervisor::Supervisor(NodeLayout layout, Options options, StartReport report)
@@ -100,176 +92,354 @@ Supervisor::~Supervisor() = default;
 
 bool Supervisor::run()
 {
-    sigset_t handled;
-    sigemptyset(&handled);
-    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGCHLD})
-        sigaddset(&handled, number);
-    ::sigprocmask(SIG_BLOCK, &handled, nullptr); // before any thread is made: they inherit it
-    ::signal(SIGPIPE, SIG_IGN);
-    const int signals = ::signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK);
-    std::string problem;
-    if (boot(problem))
-        loop(signals);
-    else
-        startFailed(problem);
-    m_platform.reset();
-    ::close(signals);
+    const Sources sources{signalSource(), stateSource(m_layout.directory())};
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1); // commands that outlive a killed service are ours to end
+    if (!sources.signals || !sources.changes) {
+        over("failed", std::string("cannot watch the node: ") + std::strerror(errno));
+        return false;
+    }
+    switchOn();
+    while (m_record.ended.empty() && boot()) {
+        supervise(sources);
+        serviceEnded();
+    }
+    m_standIns.reset();
     return m_record.state == "down";
 }
 
-bool Supervisor::boot(std::string& problem)
+/// A person at the switch: what was counted and ordered before is forgotten.
+void Supervisor::switchOn()
 {
-    int partition = 0;
-    const auto powerOn = [&](NodeState& state) {
-        partition = state.startedPartition = state.activePartition;
+    std::string problem;
+    const auto forget = [](NodeState& state) {
+        state.unmarkedBoots = 0;
+        state.order.reset();
+    };
+    m_ending = Ending{"switched on", {}, false, false, 0};
+    if (!updateNodeState(m_layout.stateFile(), forget, problem))
+        over("failed", problem);
+    else
+        save();
+}
+
+/// Boots for the reason in m_ending. False when the node is over.
+bool Supervisor::boot()
+{
+    const Ending before = *std::exchange(m_ending, std::nullopt);
+    NodeState booted;
+    bool possible = false;
+    const auto choose = [&](NodeState& state) {
+        state.resetReason = before.resetReason.value_or(state.resetReason);
+        state.order.reset();
         state.controlledResets.clear();
         state.mounts.clear();
+        possible = chooseBoot(state);
+        booted = state;
     };
-    if (!m_layout.clearVolatile(problem) || !updateNodeState(m_layout.stateFile(), powerOn, problem))
-        return false;
-    for (const auto& [name, value] : m_layout.environment(partition))
-        ::setenv(name.c_str(), value.c_str(), 1);
-    m_platform = std::make_unique<Platform>(m_layout.sockets());
-    if (!m_platform->faultManagement.start() || !m_platform->reset.start()) {
-        problem = "the stand-ins for fault management and reset cannot listen";
+    std::string problem;
+    m_standIns.reset();
+    if (!m_layout.clearVolatile(m_options.isolation == "private", m_options.keep, problem) ||
+        !updateNodeState(m_layout.stateFile(), choose, problem)) {
+        over("failed", problem);
         return false;
     }
-    LOG_INFO("node: boots partition %d in %s (%s)", partition, m_layout.directory().c_str(),
-             m_options.isolation.c_str());
-    m_startDeadline = Clock::now() + m_options.readyTimeout;
-    if (!m_service.start(m_options.program, m_layout.directory(), problem))
+    if (!possible) {
+        over("failed", "no partition starts, golden neither: " + before.cause);
         return false;
+    }
+    LOG_INFO("node: boots partition %d, boot %d without a good mark, reset reason %d: %s (in %s, %s)",
+             booted.startedPartition, booted.unmarkedBoots, booted.resetReason, before.cause.c_str(),
+             m_layout.directory().c_str(), m_options.isolation.c_str());
+    if (!start(booted.startedPartition, problem)) {
+        over("failed", problem);
+        return false;
+    }
+    keep(m_record.boots, {timeNow(), booted.startedPartition, booted.resetReason, before.cause, ""});
+    ++m_record.bootCount;
+    m_record.state = m_switchingOff ? "stopping" : "starting";
     m_record.pid = m_service.pid();
+    m_record.ready.clear();
     save();
     return true;
 }
 
-void Supervisor::loop(int signals)
+bool Supervisor::start(int partition, std::string& problem)
 {
-    pollfd sources[] = {{signals, POLLIN, 0}, {m_platform->mailbox.bell(), POLLIN, 0}};
-    while (m_service.running()) {
-        if (::poll(sources, std::size(sources), nextTimeout()) < 0 && errno != EINTR) {
-            stopService(std::string("poll: ") + std::strerror(errno));
-            m_service.signal(SIGKILL);
-        }
-        takeSignals(signals);
+    if (!makeNodeRoot(m_layout.root(), m_layout.configurationArea(partition), problem))
+        return false;
+    for (const auto& [name, value] : m_layout.environment(partition))
+        ::setenv(name.c_str(), value.c_str(), 1);
+    Medium(m_layout.medium()).settleAll(); // a boot begins with what is there
+    m_standIns = std::make_unique<StandIns>(m_layout.sockets());
+    if (!m_standIns->start()) {
+        problem = "the stand-ins for fault management and reset cannot listen";
+        return false;
+    }
+    m_killed = false;
+    m_ordersSeen = 0;
+    m_startDeadline = Clock::now() + m_options.readyTimeout;
+    return m_service.start(m_options.program, m_layout.directory(), problem);
+}
+
+/// Until tamo_db has ended.
+void Supervisor::supervise(const Sources& sources)
+{
+    pollfd polled[] = {
+        {sources.signals.get(), POLLIN, 0}, {sources.changes.get(), POLLIN, 0}, {m_standIns->bell(), POLLIN, 0}};
+    do {
+        if (::poll(polled, std::size(polled), m_record.state == "up" ? -1 : pollWhileWaiting) < 0 && errno != EINTR)
+            switchOff(std::string("poll: ") + std::strerror(errno));
+        takeSignals(sources.signals.get());
+        takeStateChanges(sources.changes.get());
         takeMessages();
         if (m_record.state == "starting")
             askWhetherReady();
-        if (m_record.state == "stopping" && !m_killed && Clock::now() >= m_killTime) {
-            LOG_ERROR("node: tamo_db did not end within %d s, it is killed",
-                      static_cast<int>(m_options.stopTimeout.count()));
-            m_killed = true;
-            m_service.signal(SIGKILL);
-        }
-        if (m_service.collect(m_record))
-            serviceEnded();
-    }
+        killWhatDoesNotEnd();
+    } while (!m_service.collect(m_record));
 }
-
-int Supervisor::nextTimeout() const { return m_record.state == "up" ? -1 : pollWhileWaiting; }
 
 void Supervisor::takeSignals(int signals)
 {
     signalfd_siginfo arrived{};
     while (::read(signals, &arrived, sizeof arrived) == sizeof arrived)
         if (arrived.ssi_signo != SIGCHLD)
-            stopService("");
+            switchOff("");
+}
+
+void Supervisor::takeStateChanges(int changes)
+{
+    alignas(inotify_event) char events[4096];
+    bool any = false;
+    while (::read(changes, events, sizeof events) > 0)
+        any = true; // the status file's renames, too; looking once too often does no harm
+    if (any)
+        takeOrders();
+}
+
+/// The orders in the state file: the service's by way of the middleware, and an operator's.
+void Supervisor::takeOrders()
+{
+    NodeState state;
+    std::string problem;
+    if (!readNodeState(m_layout.stateFile(), state, problem)) {
+        LOG_ERROR("node: %s", problem.c_str());
+        return;
+    }
+    for (; m_ordersSeen < state.controlledResets.size(); ++m_ordersSeen) {
+        const auto [first, second] = state.controlledResets[m_ordersSeen];
+        order({timeNow(), "middleware", controlledResetText(first, second), first, second, false}, reasonOrdered);
+    }
+    if (!state.order)
+        return;
+    if (!updateNodeState(
+            m_layout.stateFile(), [](NodeState& changed) { changed.order.reset(); }, problem))
+        LOG_ERROR("node: %s", problem.c_str());
+    state.order->powerCut ? cutPower(*state.order) : orderByOperator(*state.order);
+}
+
+void Supervisor::orderByOperator(const OperatorOrder& wanted)
+{
+    NodeRecord::Reset reset{timeNow(),     "operator", "reset, reason " + std::to_string(wanted.reason),
+                            wanted.reason, 0,          false};
+    if (wanted.controlled)
+        std::tie(reset.reason, reset.second) = *wanted.controlled;
+    if (wanted.controlled)
+        reset.order = controlledResetText(reset.reason, reset.second);
+    order(std::move(reset), wanted.reason);
 }
 
 void Supervisor::takeMessages()
 {
-    const auto messages = m_platform->mailbox.takeAll();
-    for (const auto& raw : messages) {
-        Messages::TAMO_FaultNotification fault;
-        Messages::TAMO_ResetRBS reset;
-        Messages::TAMO_DBOrderReadyRsp ready;
-        if (raw->id == fault.id && fault.deserialize(raw.get())) {
-            LOG_WARNING("node: fault 0x%x %s", static_cast<unsigned>(fault.faultCode),
-                        fault.raise ? "raised" : "cancelled");
-            keep(m_record.faults, {timeNow(), fault.faultCode, fault.raise != 0});
-        } else if (raw->id == reset.id && reset.deserialize(raw.get())) {
-            LOG_WARNING("node: reset asked for, reason %d (%s), %d", reset.reason,
-                        tamoResetReasontoString(reset.reason), reset.second);
-            keep(m_record.resets, {timeNow(), reset.reason, reset.second});
-        } else if (raw->id == ready.id && ready.deserialize(raw.get())) {
-            if (ready.success && m_record.state == "starting")
-                nowReady();
-        } else {
-            LOG_WARNING("node: message 0x%x of node %d is not for us", raw->id, raw->sender);
-        }
-    }
+    const auto messages = m_standIns->messages();
+    for (const auto& raw : messages)
+        takeMessage(*raw);
     if (!messages.empty())
         save();
 }
 
+void Supervisor::takeMessage(const RawMessage& raw)
+{
+    Messages::TAMO_FaultNotification fault;
+    Messages::TAMO_ResetRBS reset;
+    Messages::TAMO_DBOrderReadyRsp ready;
+    if (raw.id == fault.id && fault.deserialize(&raw)) {
+        LOG_WARNING("node: fault 0x%x %s", static_cast<unsigned>(fault.faultCode),
+                    fault.raise ? "raised" : "cancelled");
+        keep(m_record.faults, {timeNow(), fault.faultCode, fault.raise != 0});
+    } else if (raw.id == reset.id && reset.deserialize(&raw)) {
+        order({timeNow(), "reset service", resetRequestText(reset.reason, reset.second), reset.reason, reset.second,
+               false},
+              reasonOrdered);
+    } else if (raw.id == ready.id && ready.deserialize(&raw)) {
+        if (ready.success && m_record.state == "starting")
+            nowReady();
+    } else {
+        LOG_WARNING("node: message 0x%x of node %d is not for us", raw.id, raw.sender);
+    }
+}
+
 void Supervisor::askWhetherReady()
 {
-    if (Clock::now() >= m_startDeadline) {
-        stopService("tamo_db was not ready within " + std::to_string(m_options.readyTimeout.count()) + " s");
-        return;
+    const auto now = Clock::now();
+    if (now >= m_startDeadline) {
+        end({"tamo_db was not ready within " + std::to_string(m_options.readyTimeout.count()) + " s", reasonWatchdog,
+             false, false, 0});
+    } else if (now >= m_nextQuestion) {
+        m_nextQuestion = now + std::chrono::milliseconds(pollWhileWaiting);
+        m_standIns->askWhetherReady();
     }
-    if (Clock::now() < m_nextQuestion)
-        return;
-    m_nextQuestion = Clock::now() + std::chrono::milliseconds(pollWhileWaiting);
-    // False until the connection stands, and answered false until the start is done: ask again.
-    static_cast<void>(m_platform->reset.send(serviceNode, Messages::TAMO_DBOrderReady()));
 }
 
+/// The good mark of this boot.
 void Supervisor::nowReady()
 {
+    std::string problem;
+    if (!updateNodeState(
+            m_layout.stateFile(), [](NodeState& state) { state.unmarkedBoots = 0; }, problem))
+        LOG_ERROR("node: the boot gets no good mark: %s", problem.c_str());
     m_record.state = "up";
-    m_record.ready = timeNow();
-    LOG_INFO("node: is up, tamo_db has process id %d", m_record.pid);
+    m_record.ready = m_record.boots.back().good = timeNow();
+    LOG_INFO("node: is up on partition %d, tamo_db has process id %d", m_record.boots.back().partition, m_record.pid);
     save();
-    m_report("");
+    if (!std::exchange(m_reported, true))
+        m_report("");
 }
 
-void Supervisor::stopService(const std::string& why)
+/// A reset; while the node is on its way down already, it adds nothing to that.
+void Supervisor::order(NodeRecord::Reset reset, int resetReason)
 {
-    if (m_record.state == "stopping")
-        return;
-    if (m_record.state == "starting" && why.empty())
-        m_record.problem = "told to end before it was ready";
-    else
-        m_record.problem = why;
-    LOG_INFO("node: ends tamo_db%s%s", why.empty() ? "" : ": ", why.c_str());
-    m_record.state = "stopping";
-    m_killTime = Clock::now() + m_options.stopTimeout;
-    m_service.signal(SIGTERM);
+    reset.repeated = m_ending || m_switchingOff;
+    LOG_WARNING("node: reset ordered by %s: %s%s", reset.by.c_str(), reset.order.c_str(),
+                reset.repeated ? " (one is under way)" : "");
+    const Ending ordered{"reset ordered by " + reset.by + ": " + reset.order, resetReason, false, false, 0};
+    const bool first = !reset.repeated;
+    keep(m_record.resets, std::move(reset));
+    if (first)
+        end(ordered);
     save();
 }
 
+void Supervisor::end(const Ending& ending)
+{
+    m_ending = ending;
+    stopService("resetting", ending.cause);
+}
+
+/// At once and without a word to anybody, also in the middle of a reset.
+void Supervisor::cutPower(const OperatorOrder& order)
+{
+    LOG_WARNING("node: the power is cut, seed %llu", static_cast<unsigned long long>(order.seed));
+    m_service.killAll();
+    m_ending = Ending{"power cut", reasonPowerOn, true, order.stayOff || m_switchingOff, order.seed};
+    m_switchingOff = false;
+    m_killTime = Clock::now() + m_options.stopTimeout; // nothing outlives a kill, but for a stuck disk
+    m_record.state = "resetting";
+    save();
+}
+
+void Supervisor::switchOff(const std::string& why)
+{
+    if (std::exchange(m_switchingOff, true))
+        return;
+    m_record.problem = why.empty() && !m_reported ? "told to end before it was ready" : why;
+    stopService("stopping", why);
+}
+
+void Supervisor::stopService(const char* state, const std::string& why)
+{
+    const bool underWay = m_record.state == "stopping" || m_record.state == "resetting";
+    m_record.state = state;
+    if (!underWay) {
+        LOG_INFO("node: ends tamo_db%s%s", why.empty() ? "" : ": ", why.c_str());
+        m_killTime = Clock::now() + m_options.stopTimeout;
+        m_service.signal(SIGTERM);
+    }
+    save();
+}
+
+void Supervisor::killWhatDoesNotEnd()
+{
+    const bool ending = m_ending || m_switchingOff;
+    if (!ending || m_killed || Clock::now() < m_killTime)
+        return;
+    LOG_ERROR("node: tamo_db did not end within %d s, it is killed", static_cast<int>(m_options.stopTimeout.count()));
+    m_killed = true;
+    m_service.killAll();
+}
+
+/// Settles what comes next, with everything known that the service said before it ended.
 void Supervisor::serviceEnded()
 {
-    const bool inOrder = m_record.state == "stopping" && m_record.exitCode == 0;
+    const bool unasked = !m_ending && !m_switchingOff;
+    m_record.pid = 0;
+    m_standIns->awaitTheLastWord();
+    takeMessages();
+    takeOrders();
+    if (unasked)
+        LOG_ERROR("node: tamo_db ended with %s", endingText(m_record).c_str());
+    if (m_killed && m_ending)
+        m_ending->cause += "; it did not end on SIGTERM and was killed";
+    if (m_ending && m_ending->powerCut)
+        loseWrites(m_ending->seed);
+    if (m_switchingOff)
+        switchedOff();
+    else if (!m_ending)
+        m_ending = Ending{"tamo_db ended with " + endingText(m_record), reasonSoftwareFailure, false, false, 0};
+    else if (m_ending->stayOff)
+        powerStaysOff();
+}
+
+void Supervisor::loseWrites(std::uint64_t seed)
+{
+    const auto report = loseUnsynchronised(Medium(m_layout.medium()), seed);
+    for (const auto& line : report)
+        LOG_WARNING("node: %s", line.c_str());
+    LOG_INFO("node: the power cut hit %d files", static_cast<int>(report.size()));
+}
+
+void Supervisor::switchedOff()
+{
     if (m_killed)
         m_record.problem = "tamo_db did not end within " + std::to_string(m_options.stopTimeout.count()) +
                            " s of SIGTERM and was killed";
-    else if (!inOrder && m_record.problem.empty())
+    else if (m_record.exitCode != 0 && m_record.problem.empty())
         m_record.problem = "tamo_db ended with " + endingText(m_record);
-    const bool cameUp = !m_record.ready.empty();
-    m_record.state = inOrder && m_record.problem.empty() ? "down" : "failed";
-    m_record.pid = 0;
-    m_record.ended = timeNow();
-    if (m_record.state == "down")
-        LOG_INFO("node: is down");
-    else
-        LOG_ERROR("node: %s", m_record.problem.c_str());
-    takeMessages(); // a service that ends may just have said why
-    save();
-    if (!cameUp)
-        m_report(m_record.problem);
+    // The reason of this boot is used up, unless the operator has chosen one for the next meanwhile.
+    const int used = m_record.boots.back().resetReason;
+    const auto useUp = [&](NodeState& state) {
+        if (state.resetReason == used)
+            state.resetReason = reasonOrdered;
+    };
+    std::string problem;
+    if (!updateNodeState(m_layout.stateFile(), useUp, problem) && m_record.problem.empty())
+        m_record.problem = problem;
+    over(m_record.problem.empty() ? "down" : "failed", m_record.problem);
 }
 
-void Supervisor::startFailed(const std::string& problem)
+void Supervisor::powerStaysOff()
 {
-    LOG_ERROR("node: %s", problem.c_str());
-    m_record.state = "failed";
+    std::string problem;
+    if (updateNodeState(
+            m_layout.stateFile(), [](NodeState& state) { state.resetReason = reasonPowerOn; }, problem))
+        over("off", m_reported ? "" : "the power was cut before it was ready");
+    else
+        over("failed", problem);
+}
+
+/// The last word on this node.
+void Supervisor::over(const std::string& state, const std::string& problem)
+{
+    m_record.state = state;
     m_record.problem = problem;
+    m_record.pid = 0;
     m_record.ended = timeNow();
+    if (state == "failed")
+        LOG_ERROR("node: %s", problem.c_str());
+    else
+        LOG_INFO("node: is %s", state.c_str());
     save();
-    m_report(problem);
+    if (!std::exchange(m_reported, true))
+        m_report(problem);
 }
 
 void Supervisor::save()

@@ -7,18 +7,27 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
-/// The process behind a node that is up: starts tamo_db, stands in for fault management and the reset
-/// service, records what they are told, and ends tamo_db in order when it is told to end (SIGTERM,
+class StandIns;
+struct OperatorOrder;
+struct RawMessage;
+
+/// The process behind a node that is up: boots tamo_db, stands in for fault management and the reset
+/// service, carries out resets and power cuts, and ends tamo_db in order when it is told to end (SIGTERM,
 /// SIGINT, SIGHUP).
+///
+/// Whatever ends tamo_db, the node boots again: the active partition, or what chooseBoot makes of it.
 class Supervisor {
 public:
     struct Options {
         std::string program;                   ///< tamo_db
         std::chrono::seconds readyTimeout{30}; ///< from the start to a true answer to order-ready
         std::chrono::seconds stopTimeout{10};  ///< from SIGTERM to SIGKILL
-        std::string isolation;                 ///< for the record
+        std::string isolation;                 ///< "private" when the node has a /tmp of its own
+        std::vector<std::string> keep;         ///< see NodeLayout::clearVolatile
     };
     /// Hears once whether the node came up: an empty text, or why not.
     using StartReport = std::function<void(const std::string& problem)>;
@@ -32,28 +41,53 @@ public:
 
 private:
     using Clock = std::chrono::steady_clock;
-    struct Platform; // the nodes that stand in for others, and what they hear
+    struct Sources;
+    /// Why tamo_db is being ended, and what follows.
+    struct Ending {
+        std::string cause;
+        std::optional<int> resetReason; ///< middleware numbering; none leaves it as it is
+        bool powerCut = false;
+        bool stayOff = false;
+        std::uint64_t seed = 0;
+    };
 
-    bool boot(std::string& problem);
-    void loop(int signals);
-    int nextTimeout() const;
+    void switchOn();
+    bool boot();
+    bool start(int partition, std::string& problem);
+    void supervise(const Sources& sources);
     void takeSignals(int signals);
+    void takeStateChanges(int changes);
+    void takeOrders();
     void takeMessages();
+    void takeMessage(const RawMessage& raw);
     void askWhetherReady();
     void nowReady();
-    void stopService(const std::string& why);
+    void order(NodeRecord::Reset reset, int resetReason);
+    void orderByOperator(const OperatorOrder& wanted);
+    void cutPower(const OperatorOrder& order);
+    void switchOff(const std::string& why);
+    void end(const Ending& ending);
+    void stopService(const char* state, const std::string& why);
+    void killWhatDoesNotEnd();
     void serviceEnded();
-    void startFailed(const std::string& problem);
+    void loseWrites(std::uint64_t seed);
+    void switchedOff();
+    void powerStaysOff();
+    void over(const std::string& state, const std::string& problem);
     void save();
 
     NodeLayout m_layout;
     Options m_options;
     StartReport m_report;
+    bool m_reported = false;
     NodeRecord m_record;
     ServiceProcess m_service;
-    std::unique_ptr<Platform> m_platform;
+    std::unique_ptr<StandIns> m_standIns;
+    std::optional<Ending> m_ending; ///< under way, and then why the next boot happens
+    bool m_switchingOff = false;
+    bool m_killed = false;
+    std::size_t m_ordersSeen = 0; ///< of the state file's controlled resets
     Clock::time_point m_startDeadline;
     Clock::time_point m_nextQuestion;
     Clock::time_point m_killTime;
-    bool m_killed = false;
 };

@@ -86,10 +86,13 @@ std::string nameToKey(const std::string& name)
 
 Json attributeToJson(const Attribute& attribute)
 {
-    return {{"type", typeToJson(attribute.type)},
-            {"value", valueToJson(attribute.value)},
-            {"hidden", attribute.hidden},
-            {"persistent", attribute.persistent}};
+    Json json = {{"type", typeToJson(attribute.type)},
+                 {"value", valueToJson(attribute.value)},
+                 {"hidden", attribute.hidden},
+                 {"persistent", attribute.persistent}};
+    if (attribute.slot != Attribute::noSlot)
+        json["slot"] = attribute.slot;
+    return json;
 }
 
 Json attributesToJson(const DBObject::Attributes& attributes)

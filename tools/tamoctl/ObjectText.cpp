@@ -14,18 +14,13 @@ namespace {
 
 using Row = std::array<std::string, 4>; // name, type, flags, value
 
-std::string flagsOf(const Attribute& attribute)
-{
-    if (attribute.persistent && attribute.hidden)
-        return "persistent hidden";
-    return attribute.persistent ? "persistent" : attribute.hidden ? "hidden" : "";
-}
-
-void addRows(std::vector<Row>& rows, const DBObject::Attributes& attributes, const std::string& suffix)
+void addRows(std::vector<Row>& rows, const DBObject::Attributes& attributes)
 {
     for (const auto& [name, attribute] : attributes)
         rows.push_back(
-            {printable(name) + suffix, typeName(attribute.type), flagsOf(attribute), jsonValue(attribute.value)});
+            {printable(name) +
+                 (attribute.slot == Attribute::noSlot ? "" : " (slot " + std::to_string(attribute.slot) + ")"),
+             typeName(attribute.type), flagsText(attribute), jsonValue(attribute.value)});
 }
 
 } // namespace
@@ -35,8 +30,8 @@ std::string objectText(const DBObject& object, const std::string& dn)
     std::string text = printable(dn) + "  (instance " + std::to_string(object.MOInstance) +
                        (object.isMOMObject ? ", MOM" : ", not MOM") + (object.system ? ", system)" : ")");
     std::vector<Row> rows;
-    addRows(rows, object.attributes, "");
-    addRows(rows, object.alternateAttributes, " (alternate)");
+    addRows(rows, object.attributes);
+    addRows(rows, object.alternateAttributes);
     std::array<std::size_t, 3> widths{};
     for (const Row& row : rows)
         for (std::size_t column = 0; column < widths.size(); ++column)
@@ -49,6 +44,13 @@ std::string objectText(const DBObject& object, const std::string& dn)
         text += row.back();
     }
     return text;
+}
+
+std::string flagsText(const Attribute& attribute)
+{
+    if (attribute.persistent && attribute.hidden)
+        return "persistent hidden";
+    return attribute.persistent ? "persistent" : attribute.hidden ? "hidden" : "";
 }
 
 std::string bareValueText(const Value& value)

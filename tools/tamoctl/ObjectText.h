@@ -8,5 +8,8 @@
 /// value in columns. No newline at the end.
 std::string objectText(const DBObject& object, const std::string& dn);
 
+/// "persistent", "hidden", both or nothing.
+std::string flagsText(const Attribute& attribute);
+
 /// A value alone; a text as it is, byte for byte.
 std::string bareValueText(const Value& value);

@@ -22,8 +22,9 @@ DNs are whole DNs ("ManagedElement=1,FAPService=1"); a pair that holds a comma s
 TYPE is INT8, INT16, INT32, INT64, UINT8, UINT16, UINT32, UINT64, string, boolean, reference, ENUM, text,
 DECIMAL64, FLOAT or a type code; string when left out.
 
-Exit codes: 0 success, 1 refused by the service, 2 usage, 3 not found, 4 no service, 5 timeout, 6 a watch missed
-notifications or lost its connection, 130 interrupted (a transaction: aborted).
+Exit codes: 0 success, 1 refused by the service (check: start-up would not load the file as it is, diff: the trees
+differ), 2 usage, 3 not found, 4 no service, 5 timeout, 6 a watch missed notifications or lost its connection,
+130 interrupted (a transaction: aborted).
 )";
 
 std::int32_t nodeOf(const std::string& client)
@@ -96,6 +97,8 @@ void addRequestVerbs(CLI::App& app, Action& chosen)
     addWriteVerbs(app, chosen);
     addTransferVerbs(app, chosen);
     addServiceVerbs(app, chosen);
+    addMaintenanceVerbs(app, chosen);
+    addExaminationVerbs(app, chosen);
     addDiagnosticVerbs(app, chosen);
     for (CLI::App* verb : app.get_subcommands({}))
         verb->fallthrough(); // global options may stand behind the verb

@@ -19,6 +19,10 @@ void addWriteVerbs(CLI::App& app, Action& chosen);
 /// tree, import, export: verbs that make many requests.
 void addTransferVerbs(CLI::App& app, Action& chosen);
 void addServiceVerbs(CLI::App& app, Action& chosen);
+/// store, integrity, clean and the like: what concerns the database as a whole.
+void addMaintenanceVerbs(CLI::App& app, Action& chosen);
+/// check, diff: database files and whole trees, examined without a service.
+void addExaminationVerbs(CLI::App& app, Action& chosen);
 /// clients, subscriptions: what the service knows of those it serves.
 void addDiagnosticVerbs(CLI::App& app, Action& chosen);
 /// Shows notifications until it is told to end.

@@ -12,6 +12,7 @@
 
 #include <CLI/CLI.hpp>
 #include <filesystem>
+#include <limits>
 
 namespace {
 
@@ -32,7 +33,41 @@ struct NewObject {
     bool notMom = false;
     bool system = false;
     std::int32_t instance = 1;
+    std::int32_t slot = Attribute::noSlot;
 };
+
+void addSlotOption(CLI::App& verb, std::int32_t& slot)
+{
+    verb.add_option("--slot", slot, "Park the values in this slot of alternate storage, until it is loaded")
+        ->check(CLI::Range(std::int32_t{0}, std::numeric_limits<std::int32_t>::max()))
+        ->option_text("N");
+}
+
+void setSlot(DBObject& object, std::int32_t slot)
+{
+    for (auto& [name, attribute] : object.attributes)
+        attribute.slot = slot;
+}
+
+/// Tells what was written. Where the values of a slot went is the service's decision, so it is asked.
+void printWritten(Context& context, const std::string& text, const std::string& dn, const DBObject& written,
+                  std::int32_t slot)
+{
+    if (slot == Attribute::noSlot || context.database().inTransaction())
+        return context.printDone(text);
+    const auto stored = context.database().fetch(dn, written.MOInstance);
+    const bool parked =
+        stored && std::all_of(written.attributes.begin(), written.attributes.end(), [&](const auto& item) {
+            const Attribute* attribute = stored->getAlternateAttribute(item.first);
+            return attribute && attribute->slot == slot;
+        });
+    const std::string where =
+        parked ? "; parked in slot " + std::to_string(slot)
+               : "; not parked in slot " + std::to_string(slot) +
+                     ": before the end of auto-integration values become live at once, and a value that is parked "
+                     "already stays in its slot";
+    context.printDone(text + where, std::string("\"parked\": ") + (parked ? "true" : "false"));
+}
 
 /// Marks the named attributes; each must have been given a value.
 void mark(DBObject& object, const std::vector<std::string>& names, bool Attribute::*flag, const std::string& option)
@@ -63,9 +98,10 @@ void insert(Context& context, const NewObject& arguments)
     addAssignments(object, arguments.assignments);
     mark(object, arguments.persistent, &Attribute::persistent, "--persistent");
     mark(object, arguments.hidden, &Attribute::hidden, "--hidden");
+    setSlot(object, arguments.slot);
     ParentCheck(context.database()).require(object);
     requireSuccess(context.database().insert(object), "insert " + dn);
-    context.printDone("inserted " + printable(dn));
+    printWritten(context, "inserted " + printable(dn), dn, object, arguments.slot);
 }
 
 void addInsert(CLI::App& app, Action& chosen)
@@ -83,10 +119,11 @@ void addInsert(CLI::App& app, Action& chosen)
     verb->add_flag("--not-mom", arguments->notMom, "The object is not part of the managed-object model");
     verb->add_flag("--system", arguments->system, "The object was made by the system");
     verb->add_option("--instance", arguments->instance, "MOInstance (default: 1)");
+    addSlotOption(*verb, arguments->slot);
     verb->callback([arguments, &chosen] { chosen = [arguments](Context& context) { insert(context, *arguments); }; });
 }
 
-/// The attribute as `argument` changes it: the stored one with another value, its type and flags
+/// The attribute as `argument` changes it: the one of `stored` with another value, its type and flags
 /// kept, or a new one.
 Attribute changedAttribute(const DBObject& stored, const std::string& argument)
 {
@@ -104,25 +141,36 @@ Attribute changedAttribute(const DBObject& stored, const std::string& argument)
                         attribute && attribute->hidden);
 }
 
-void set(Context& context, const std::string& dn, const std::vector<std::string>& assignments)
+/// What a value for the slot is written over: what is parked, and the live attributes besides.
+DBObject withParked(DBObject object)
+{
+    DBObject::Attributes attributes = std::exchange(object.alternateAttributes, {});
+    attributes.merge(object.attributes);
+    object.attributes = std::move(attributes);
+    return object;
+}
+
+void set(Context& context, const std::string& dn, const std::vector<std::string>& assignments, std::int32_t slot)
 {
     for (const std::string& argument : assignments)
         parseAssignment(argument); // a wrong form is told without a service
-    const auto stored = context.database().fetch(dn);
-    if (!stored)
+    const auto fetched = context.database().fetch(dn);
+    if (!fetched)
         notFound(dn);
-    DBObject update = *stored;
+    const DBObject stored = slot == Attribute::noSlot ? *fetched : withParked(*fetched);
+    DBObject update = stored;
     update.attributes.clear();
     update.alternateAttributes.clear();
     for (const std::string& argument : assignments) {
-        Attribute attribute = changedAttribute(*stored, argument);
+        Attribute attribute = changedAttribute(stored, argument);
         attribute.changed = true;
         const std::string name = attribute.name;
         if (!update.addAttribute(std::move(attribute)))
             throw Failure(ExitCode::usage, name + " is given twice");
     }
+    setSlot(update, slot);
     requireSuccess(context.database().update(update), "update " + dn);
-    context.printDone("updated " + printable(dn));
+    printWritten(context, "updated " + printable(dn), dn, update, slot);
 }
 
 void addSet(CLI::App& app, Action& chosen)
@@ -130,13 +178,17 @@ void addSet(CLI::App& app, Action& chosen)
     struct Arguments {
         std::string dn;
         std::vector<std::string> assignments;
+        std::int32_t slot = Attribute::noSlot;
     };
     auto arguments = std::make_shared<Arguments>();
     CLI::App* verb = app.add_subcommand("set", "Set attributes of an object, all or none; stored types are kept");
     verb->add_option("DN", arguments->dn)->required();
     verb->add_option("NAME=VALUE", arguments->assignments)->option_text("NAME[:TYPE]=VALUE ...")->required();
+    addSlotOption(*verb, arguments->slot);
     verb->callback([arguments, &chosen] {
-        chosen = [arguments](Context& context) { set(context, checkedDn(arguments->dn), arguments->assignments); };
+        chosen = [arguments](Context& context) {
+            set(context, checkedDn(arguments->dn), arguments->assignments, arguments->slot);
+        };
     });
 }
 
