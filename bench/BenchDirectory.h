@@ -18,6 +18,8 @@ public:
         use("TAMO_DB_FILE_PATH", "flash");
         use("TAMO_DB_DUMP_FILE_PATH", "dump");
         use("TAMO_PERSISTENT_STORAGE", "common");
+        use("TAMO_BRM_BACKUP_PATH", "backup");
+        use("TAMO_BRM_TEMP_FILE_PATH", "for_backup");
         use("TAMO_FRAMEWORK_DIR", "run");
         setenv("TAMO_LOG_LEVEL", "error", 1);
     }

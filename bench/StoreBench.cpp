@@ -3,11 +3,10 @@
 // parent; the dump after each commit is off but where it is what is measured.
 
 #include "BenchDirectory.h"
+#include "BenchTree.h"
 
 #include "store/FileLocations.h"
-#include "store/SQLite.h"
 #include "store/SharedLock.h"
-#include "values/ValueType.h"
 
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
@@ -15,28 +14,6 @@
 #include <random>
 
 namespace {
-
-constexpr int childrenEach = 50;
-constexpr int attributesEach = 10;
-
-std::string parentDn(int number) { return "ManagedElement=1,Group=" + std::to_string(number / childrenEach); }
-std::string childPair(int number) { return "Item=" + std::to_string(number % childrenEach); }
-
-DBObject item(int number)
-{
-    DBObject object(childPair(number), 1, true, false, 0, 1, parentDn(number), 1);
-    for (int i = 0; i < attributesEach; ++i)
-        object.addAttribute(Attribute(false, "attribute" + std::to_string(i),
-                                      i % 2 ? Value(number + i) : Value("value " + std::to_string(number)), 0, i < 5,
-                                      i % 2 ? IPCData::INT32 : IPCData::STRING, true, false));
-    return object;
-}
-
-void mustSucceed(bool result)
-{
-    if (!result)
-        std::abort();
-}
 
 /// A store with this many items; kept from one benchmark to the next of the same size.
 class Tree {
@@ -51,25 +28,7 @@ public:
         return SQLite::getInstance();
     }
 
-    explicit Tree(int size) : m_size(size)
-    {
-        SQLite& store = SQLite::getInstance();
-        store.setDatabaseDumpEnabled(false);
-        store.loadOrSaveDb(SQLite::Direction::load);
-        DBObject root("ManagedElement=1", 1, true, false, 0, 1);
-        store.sql_insert(&root, false, "bench");
-        mustSucceed(store.sql_start_transaction());
-        for (int i = 0; i < size; ++i) {
-            if (i % childrenEach == 0) {
-                DBObject group("Group=" + std::to_string(i / childrenEach), 1, true, false, 0, 1, "ManagedElement=1",
-                               1);
-                mustSucceed(store.sql_insert(&group, true, "bench"));
-            }
-            DBObject object = item(i);
-            mustSucceed(store.sql_insert(&object, true, "bench"));
-        }
-        mustSucceed(store.sql_commit_transaction());
-    }
+    explicit Tree(int size) : m_size(size) { storeOfItems(size); }
     ~Tree() { SQLite::destroyInstance(false); }
     Tree(const Tree&) = delete;
     Tree& operator=(const Tree&) = delete;
@@ -192,15 +151,6 @@ void fetch(benchmark::State& state)
         const SharedLock lock(store.runtime());
         benchmark::DoNotOptimize(store.sql_get_object(parentDn(number) + "," + childPair(number), 1, "bench"));
     }
-}
-
-/// An update of one attribute to a value that it never had.
-DBObject changeOf(int number)
-{
-    static std::int32_t value = 1000000;
-    DBObject change(childPair(number), 1, true, false, 0, 1, parentDn(number), 1);
-    change.addAttribute(Attribute(false, "attribute1", ++value, 0, true, IPCData::INT32, true, false));
-    return change;
 }
 
 void update(benchmark::State& state)

@@ -46,8 +46,10 @@ bool PersistentStorage::hasPersistentData(Connection& connection)
         Statement rows(&connection, "SELECT * FROM Attribute WHERE persistent = 1");
         if (rows.next())
             return true;
-        if (!rows.done())
+        if (!rows.done()) {
             LOG_ERROR("PersistentStorage::hasPersistentData: SQLite error [%s]", connection.message());
+            return true; // nobody knows: the copy that follows fails, where a "no" would pass for a store
+        }
     }
     return !AlternateStorage(connection).alternateStorageEmpty();
 }

@@ -19,7 +19,7 @@ public:
     /// True when the whole content of `source` now stands in `destination`. A source inside a write
     /// transaction of its own cannot be copied.
     bool copyDatabase(Connection& source, Connection& destination);
-    /// True when there is a persistent attribute or a parked value.
+    /// True when there is a persistent attribute or a parked value, and when that cannot be told.
     bool hasPersistentData(Connection& connection);
     /// Removes the objects with everything below them; ids that are not stored do no harm.
     bool removeExcludedObjects(Connection& connection, std::span<const std::int32_t> objectIds);

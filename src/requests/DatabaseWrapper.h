@@ -115,7 +115,7 @@ private:
 
     bool armTimer();
     void storePeriodically();
-    bool isDelayed(bool backup, bool ignoreUpgradeState);
+    bool putOff(bool backup, bool ignoreUpgradeState);
     void applyUpgradeState(std::optional<std::int32_t> state, const char* operation);
 
     TAMO::Framework::Timer m_timer;

@@ -132,12 +132,12 @@ void DatabaseWrapper::handleStorePersistentDump(const RawMessage* raw)
                       request.transId, client.name.c_str(), phase);
             return answer(true);
         }
-        return answer(isDelayed(request.backup, request.ignoreUpgradeState) || StorePersistentDump(request.backup));
+        return answer(putOff(request.backup, request.ignoreUpgradeState) || StorePersistentDump(request.backup));
     });
 }
 
 /// Puts a store off while the software upgrade is in an unsafe state; false when it may be made now.
-bool DatabaseWrapper::isDelayed(bool backup, bool ignoreUpgradeState)
+bool DatabaseWrapper::putOff(bool backup, bool ignoreUpgradeState)
 {
     const auto state = storedUpgradeState("handleStorePersistentDump");
     if (!state || ignoreUpgradeState || !isUnsafe(*state))

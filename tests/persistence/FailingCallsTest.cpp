@@ -3,6 +3,7 @@
 
 #include "tests/persistence/StartFiles.h"
 #include "tests/support/Faults.h"
+#include "tests/support/StoringStore.h"
 
 #include <sqlite3.h>
 
@@ -83,4 +84,33 @@ TEST_F(FailingCalls, OfAWriteToTheCommonDatabaseLeaveTheOldOrTheNewFact)
     }
     EXPECT_LT(call, enough);
     EXPECT_EQ(seen.size(), 2U);
+}
+
+TEST_F(FailingCalls, OfAStoreLeaveTheOldOrTheNewConfiguration)
+{
+    const StoringTurn turn;
+    ASSERT_EQ(store().loadOrSaveDb(SQLite::Direction::load), SQLITE_OK);
+    const auto write = [](const std::string& name) {
+        DBObject object = container("Site=1", {kept("name", name)}, false);
+        return store().sql_insert(&object, false, "test");
+    };
+    int failures = 0;
+    int call = 0;
+    for (bool happened = true; happened && call < enough; ++call) {
+        ASSERT_TRUE(write("old"));
+        ASSERT_TRUE(store().storePersistentDump(false)) << "works again after call " << call;
+        ASSERT_TRUE(write("new"));
+        bool stored = false;
+        {
+            const FailedFileCall failure(call);
+            stored = call % 2 == 0 ? store().storePersistentDump(false) : store().storeDbToFlash();
+            happened = FailedFileCall::happened();
+        }
+        failures += !stored;
+        ASSERT_EQ(queryFile(permanent(), "select value from Attribute"), stored ? "new" : "old") << "call " << call;
+        ASSERT_TRUE(StoredFiles::tidy()) << "call " << call;
+    }
+    EXPECT_LT(call, enough);
+    EXPECT_GT(failures, 5);
+    EXPECT_TRUE(middleware.state().controlledResets.empty());
 }
