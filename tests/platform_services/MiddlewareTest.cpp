@@ -130,3 +130,24 @@ TEST_F(Middleware, WritersOfTwoProcessesLoseNothingAndReadersNeverSeeAPart)
     EXPECT_EQ(status, 0);
     EXPECT_EQ(onDisk().controlledResets.size(), std::size_t{2 * each});
 }
+
+TEST_F(Middleware, OperatorsOrderSurvivesTheServicesOwnChanges)
+{
+    std::string problem;
+    const auto order = [](NodeState& state) {
+        state.order = OperatorOrder{true, 3, std::pair(1, -1), true, 18446744073709551615U};
+        state.unmarkedBoots = 2;
+    };
+    ASSERT_TRUE(updateNodeState(scratch.path("state.json"), order, problem)) << problem;
+    EXPECT_EQ(mw_api_pwr_active_partition_set(2), 0);
+    const NodeState state = onDisk();
+    ASSERT_TRUE(state.order);
+    EXPECT_TRUE(state.order->powerCut && state.order->stayOff);
+    EXPECT_EQ(state.order->reason, 3);
+    EXPECT_EQ(state.order->controlled, std::pair(1, -1));
+    EXPECT_EQ(state.order->seed, 18446744073709551615U);
+    EXPECT_EQ(state.unmarkedBoots, 2);
+    scratch.write("state.json", R"({"operator_order": {"reason": "three"}})");
+    int value = 0;
+    EXPECT_NE(mw_api_pwr_reset_reason_get(&value), 0);
+}

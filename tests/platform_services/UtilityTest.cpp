@@ -60,6 +60,20 @@ TEST(ExecuteCmd, CommandGetsNeitherOurDescriptorsNorOurSignals)
     ::close(open);
 }
 
+TEST(ExecuteCmd, FilesOfTheNodeAreTakenFromItsRoot)
+{
+    const Scratch scratch;
+    const std::string root = scratch.path("a node's root");
+    const ScopedVariable variable("TAMO_NODE_ROOT", root);
+    std::filesystem::create_directories(root + "/usr/bin");
+    std::filesystem::create_directories(root + "/mnt/activecfg");
+    scratch.write("a node's root/usr/bin/prepare.sh", "#!/bin/sh\necho \"$1 $2 $3\" > arguments\n");
+    ::chmod((root + "/usr/bin/prepare.sh").c_str(), 0755);
+    EXPECT_EQ(executeCmd(10, "/usr/bin/prepare.sh /mnt/activecfg /mnt/missing mnt/activecfg", scratch.path(""), true),
+              0);
+    EXPECT_EQ(scratch.read("arguments"), root + "/mnt/activecfg /mnt/missing mnt/activecfg\n");
+}
+
 TEST(Paths, VariableWinsOverDefault)
 {
     const ScopedVariable set("TAMO_TEST_PATH", "/from/variable");
