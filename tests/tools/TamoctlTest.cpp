@@ -1,6 +1,6 @@
 // The tamoctl binary: its exit codes, its output, and what it does with a tree.
 
-#include "ServiceSocket.h"
+#include "TamoctlRun.h"
 #include "TreeService.h"
 
 #include "platform/messages/Answers.h"
@@ -8,45 +8,10 @@
 #include "tools/client/Database.h"
 #include "values/ValueType.h"
 
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <sys/wait.h>
 
 namespace {
-
-struct Result {
-    int code = -1;
-    std::string output;
-    std::string error;
-};
-
-std::string contentOf(const std::string& path)
-{
-    std::ostringstream content;
-    content << std::ifstream(path, std::ios::binary).rdbuf();
-    return content.str();
-}
-
-class Tamoctl : public testing::Test {
-protected:
-    /// Runs tamoctl with `arguments`, as a shell reads them, on `input`.
-    Result run(const std::string& arguments, const std::string& input = "") const
-    {
-        write("input", input);
-        const std::string files = " <" + path("input") + " >" + path("output") + " 2>" + path("error");
-        const int status = std::system((TAMOCTL " --dir " + directory.path() + " " + arguments + files).c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contentOf(path("output")), contentOf(path("error"))};
-    }
-    std::string path(const std::string& name) const { return directory.path() + "/" + name; }
-    void write(const std::string& name, const std::string& content) const
-    {
-        std::ofstream(path(name), std::ios::binary) << content;
-    }
-    SocketDirectory directory;
-};
-
-bool isOneLine(const std::string& text) { return !text.empty() && text.find('\n') == text.size() - 1; }
 
 constexpr const char* tree =
     R"({"dn":"ManagedElement=1","attributes":{"userLabel":{"type":"string","value":"a","persistent":true}}}
@@ -145,6 +110,28 @@ TEST_F(Tamoctl, SetKeepsTypesAndFlagsInOneRequest)
     EXPECT_EQ(service.updates(), 1);
     service.refuse("A=1");
     EXPECT_EQ(run("set A=1 b=4").code, 1);
+}
+
+TEST_F(Tamoctl, SlotsParkValuesOrSayThatTheyDidNot)
+{
+    TreeService service(directory.path());
+    EXPECT_EQ(run("insert A=1 a:INT16=1 --persistent a").code, 0);
+    const Result early = run("set A=1 a=2 --slot 3 --json");
+    EXPECT_EQ(early.output, "{\"success\": true, \"parked\": false}\n") << early.error;
+    EXPECT_EQ(service.object("A=1")->getAttribute("a")->value, Value(std::int16_t{2}));
+    service.park();
+    EXPECT_EQ(run("set A=1 a=5 --slot 3").output, "updated A=1; parked in slot 3\n");
+    EXPECT_EQ(run("insert A=2 b:boolean=true --slot 0").output, "inserted A=2; parked in slot 0\n");
+    const auto object = service.object("A=1");
+    EXPECT_EQ(object->getAttribute("a")->value, Value(std::int16_t{2}));
+    const Attribute* const parked = object->getAlternateAttribute("a"); // type and flag are the live one's
+    ASSERT_NE(parked, nullptr);
+    EXPECT_EQ(parked->value, Value(std::int16_t{5}));
+    EXPECT_TRUE(parked->persistent);
+    EXPECT_EQ(nlohmann::json::parse(run("get A=1 --json").output)["alternateAttributes"]["a"]["slot"], 3);
+    EXPECT_NE(run("get A=2").output.find("b (slot 0)"), std::string::npos);
+    for (const char* usage : {"set A=1 a=1 --slot -1", "insert A=3 --slot 2147483648", "set A=1 a=1 --slot x"})
+        EXPECT_EQ(run(usage).code, 2) << usage;
 }
 
 TEST_F(Tamoctl, OrphansAreRefusedAndAbsentObjectsToldApartFromRefusedOnes)

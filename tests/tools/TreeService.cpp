@@ -24,6 +24,12 @@ void TreeService::refuse(const std::string& dn)
     m_refused.insert(dn);
 }
 
+void TreeService::park()
+{
+    const std::lock_guard lock(m_mutex);
+    m_parking = true;
+}
+
 std::unique_ptr<DBObject> TreeService::object(const std::string& dn) const
 {
     const std::lock_guard lock(m_mutex);
@@ -154,10 +160,16 @@ bool TreeService::write(Tree& tree, const Bytes& bytes, std::int32_t uncompresse
         DBObject::DeSerializeDatafromDB(bytes.data(), static_cast<std::int32_t>(bytes.size()), uncompressedSize);
     if (!object || m_refused.contains(object->fullDn()) || (!insert && !tree.contains(object->fullDn())))
         return false;
-    DBObject& stored = tree.try_emplace(object->fullDn(), *object).first->second;
+    DBObject bare = *object;
+    bare.attributes.clear();
+    DBObject& stored = tree.try_emplace(object->fullDn(), std::move(bare)).first->second;
     for (const auto& [name, attribute] : object->attributes) {
         EXPECT_TRUE(attribute.changed) << name; // the service writes no other
-        stored.attributes.insert_or_assign(name, attribute);
+        const bool parked = m_parking && attribute.slot != Attribute::noSlot;
+        Attribute& written =
+            (parked ? stored.alternateAttributes : stored.attributes).insert_or_assign(name, attribute).first->second;
+        if (!parked)
+            written.slot = Attribute::noSlot;
     }
     return true;
 }

@@ -23,6 +23,8 @@ public:
 
     /// Writes on objects of this DN are answered false.
     void refuse(const std::string& dn);
+    /// From now on attributes with a slot go into alternate storage.
+    void park();
     /// A copy, or null.
     std::unique_ptr<DBObject> object(const std::string& dn) const;
     /// Update requests seen, accepted or not.
@@ -51,5 +53,6 @@ private:
     std::vector<std::int32_t> m_actions;
     std::set<std::string> m_refused;
     int m_updates = 0;
+    bool m_parking = false;
     TAMO::Framework::MessageNode m_node;
 };

@@ -4,6 +4,7 @@
 #include "tools/tamoctl/DnArgument.h"
 #include "tools/tamoctl/Failure.h"
 #include "tools/tamoctl/FileCheck.h"
+#include "tools/tamoctl/Interruption.h"
 #include "tools/tamoctl/ObjectJson.h"
 #include "tools/tamoctl/ObjectText.h"
 #include "tools/tamoctl/TextCoding.h"
@@ -108,7 +109,10 @@ void addCheck(CLI::App& app, Action& chosen)
         "beside it is\napplied in a copy. Needs room for two copies below TMPDIR.");
     verb->callback([file, &chosen] {
         chosen = [file](Context& context) {
+            const Interruption interruption; // which would leave the copy behind
             const FileReport report = checkFile(*file);
+            if (interruption.came())
+                throw Failure(ExitCode::interrupted, "interrupted");
             context.json() ? context.print(checkJson(*file, report)) : printReport(context, *file, report);
             if (report.startUp != StartUp::loads)
                 throw AlreadyReported(ExitCode::refused);
@@ -219,7 +223,9 @@ struct DiffArguments {
 
 void diff(Context& context, const DiffArguments& arguments)
 {
+    const Interruption interruption; // which would leave copies behind
     DiffOptions options = arguments.options;
+    options.interruption = &interruption;
     for (std::string& dn : options.below)
         dn = checkedDn(dn);
     const auto a = openTree(context, arguments.a);

@@ -24,9 +24,12 @@ struct TransactionArguments {
 
 Action parsedForTransaction(std::vector<std::string> words)
 {
-    static const std::vector<std::string> refused{
-        "transaction", "batch",    "watch",    "create-from-template", "store", "backup-fragments", "integrity",
-        "clean",       "shutdown", "load-slot"};
+    static const std::vector<std::string> refused{"transaction", "batch",
+                                                  "watch",       "create-from-template",
+                                                  "store",       "backup-fragments",
+                                                  "integrity",   "clean",
+                                                  "shutdown",    "load-slot",
+                                                  "check",       "diff"};
     if (std::find(refused.begin(), refused.end(), words.front()) != refused.end())
         throw Failure(ExitCode::usage, "the verb " + words.front() + " cannot stand inside a transaction");
     return parseVerb(std::move(words));
@@ -141,7 +144,8 @@ A script has one verb a line, quoted as for a shell, # for comments. On the comm
   tamoctl transaction -- insert A=1 x=1 -- set A=1,B=1 y=2
 Writes are queued; get, exists, class and instances see them, children, tree, export and whole-dn do not. The first command
 that fails (also "exists" with the answer false) aborts the transaction. Not allowed inside: transaction, watch, batch,
-create-from-template, store, backup-fragments, integrity, clean, shutdown, load-slot. What "common" wrote stays when a later command fails at the commit.
+create-from-template, store, backup-fragments, integrity, clean, shutdown, load-slot, check, diff. What "common"
+wrote stays when a later command fails at the commit.
 
 A transaction belongs to the client's node id and stays open when the client is killed. Without script and commands,
 "--id N --abort" (with --as NODE) aborts such a one.

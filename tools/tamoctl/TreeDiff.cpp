@@ -3,6 +3,8 @@
 
 #include "tools/tamoctl/TreeDiff.h"
 
+#include "tools/tamoctl/Failure.h"
+#include "tools/tamoctl/Interruption.h"
 #include "tools/tamoctl/TreeSource.h"
 #include "tools/tamoctl/TreeWalk.h"
 #include "values/DistinguishedName.h"
@@ -88,35 +90,38 @@ std::size_t fingerprintOf(const DBObject& object, const Rules& rules)
     return print.value();
 }
 
-bool isAtOrBelow(const std::string& dn, const std::string& root)
+using Names = std::unordered_set<std::string>;
+
+/// Whether the object or one above it is named.
+bool isAtOrBelow(std::string dn, const Names& names)
 {
-    return dn.starts_with(root) && (dn.size() == root.size() || dn[root.size()] == ',');
+    while (!dn.empty() && !names.contains(dn))
+        dn = splitOwnPair(dn).parent;
+    return !dn.empty();
 }
 
-bool isWithin(const std::string& dn, const std::vector<std::string>& roots)
+/// Leaves what does not stand below another of them.
+std::vector<std::string> withoutNested(const std::vector<std::string>& roots)
 {
-    return roots.empty() ||
-           std::any_of(roots.begin(), roots.end(), [&dn](const auto& root) { return isAtOrBelow(dn, root); });
-}
-
-/// Walks each object once, however the roots lie in each other.
-std::vector<std::string> withoutNested(std::vector<std::string> roots)
-{
-    std::sort(roots.begin(), roots.end());
-    roots.erase(std::unique(roots.begin(), roots.end()), roots.end());
-    std::vector<std::string> outer;
-    for (const std::string& root : roots) {
-        const auto contains = [&root](const std::string& other) { return other != root && isAtOrBelow(root, other); };
-        if (std::none_of(roots.begin(), roots.end(), contains))
-            outer.push_back(root);
-    }
+    const Names names(roots.begin(), roots.end());
+    std::vector<std::string> outer(names.begin(), names.end());
+    std::erase_if(outer, [&names](const auto& root) { return isAtOrBelow(splitOwnPair(root).parent, names); });
+    std::sort(outer.begin(), outer.end(), pairLess);
     return outer;
 }
 
-Entries readEntries(TreeSource& source, const std::vector<std::string>& roots, const Rules& rules)
+void stopIfInterrupted(const Interruption* interruption)
+{
+    if (interruption && interruption->came())
+        throw Failure(ExitCode::interrupted, "interrupted");
+}
+
+Entries readEntries(TreeSource& source, const std::vector<std::string>& roots, const Rules& rules,
+                    const Interruption* interruption)
 {
     Entries entries;
     source.visit(roots, [&](const SourceObject& found) {
+        stopIfInterrupted(interruption);
         entries.push_back({found.dn, found.object.MOInstance, rules.carries(found.object),
                            fingerprintOf(found.object, rules), found.place});
     });
@@ -134,13 +139,21 @@ std::vector<std::string> topsOf(const Entries& entries)
     for (const Entry& entry : entries)
         if (const std::string parent = splitOwnPair(entry.dn).parent; !dns.contains(parent))
             tops.push_back(entry.dn);
-    return withoutNested(std::move(tops));
+    return tops;
+}
+
+/// Leaves the objects at and below the roots; all when there are none.
+void keepWithin(Entries& entries, const std::vector<std::string>& roots)
+{
+    const Names names(roots.begin(), roots.end());
+    if (!names.empty())
+        std::erase_if(entries, [&names](const Entry& entry) { return !isAtOrBelow(entry.dn, names); });
 }
 
 /// Leaves the objects that carry something, and those above them.
 void keepCarriers(Entries& entries)
 {
-    std::unordered_set<std::string> above;
+    Names above;
     for (const Entry& entry : entries) {
         if (!entry.carries)
             continue;
@@ -179,32 +192,44 @@ std::vector<AttributeDifference> differences(const DBObject::Attributes& a, cons
     return found;
 }
 
+struct Side {
+    TreeSource& source;
+    Entries entries = {};
+};
+
 /// Both trees read, limited to what both can speak of, and walked side by side.
 class Comparison {
 public:
     Comparison(TreeSource& a, TreeSource& b, const DiffOptions& options)
-        : m_a(a), m_b(b), m_rules{options.persistentOnly, a.knowsParked() && b.knowsParked()}
+        : m_a{a},
+          m_b{b},
+          m_interruption(options.interruption),
+          m_rules{options.persistentOnly, a.knowsParked() && b.knowsParked()}
     {
         m_summary.parkedCompared = m_rules.parked;
         readBoth(options.below);
-        if (m_rules.persistentOnly) {
-            keepCarriers(m_entriesA);
-            keepCarriers(m_entriesB);
+        for (Side* side : {&m_a, &m_b}) {
+            keepWithin(side->entries, m_summary.below);
+            if (m_rules.persistentOnly)
+                keepCarriers(side->entries);
         }
-        m_summary.objectsA = m_entriesA.size();
-        m_summary.objectsB = m_entriesB.size();
+        m_summary.objectsA = m_a.entries.size();
+        m_summary.objectsB = m_b.entries.size();
     }
 
     DiffSummary run(const std::function<void(const ObjectDifference&)>& tell)
     {
-        auto a = m_entriesA.begin();
-        auto b = m_entriesB.begin();
-        while (a != m_entriesA.end() || b != m_entriesB.end()) {
-            if (b == m_entriesB.end() || (a != m_entriesA.end() && entryLess(*a, *b))) {
+        auto a = m_a.entries.begin();
+        auto b = m_b.entries.begin();
+        const auto endA = m_a.entries.end();
+        const auto endB = m_b.entries.end();
+        while (a != endA || b != endB) {
+            stopIfInterrupted(m_interruption);
+            if (b == endB || (a != endA && entryLess(*a, *b))) {
                 ++m_summary.onlyA;
                 tell({a->dn, a->instance, Where::onlyA});
                 ++a;
-            } else if (a == m_entriesA.end() || entryLess(*b, *a)) {
+            } else if (a == endA || entryLess(*b, *a)) {
                 ++m_summary.onlyB;
                 tell({b->dn, b->instance, Where::onlyB});
                 ++b;
@@ -220,43 +245,40 @@ private:
     void readBoth(const std::vector<std::string>& below)
     {
         std::vector<std::string> roots = below;
-        m_summary.below = below;
-        for (const bool knowing : {true, false})
-            for (const bool first : {true, false}) {
-                TreeSource& source = first ? m_a : m_b;
-                if (source.knowsRoots() != knowing)
-                    continue;
-                if (!knowing && roots.empty())
-                    roots = {usualRoot};
-                if (!knowing && m_summary.below.empty())
-                    m_summary.below = roots;
-                Entries& entries = first ? m_entriesA : m_entriesB;
-                entries = readEntries(source, withoutNested(roots), m_rules);
-                if (below.empty() && knowing)
-                    addRoots(source, entries, roots);
+        std::vector<std::string> limits = below;
+        for (Side* side : {&m_a, &m_b})
+            if (side->source.knowsRoots()) {
+                side->entries = readEntries(side->source, roots, m_rules, m_interruption);
+                if (below.empty())
+                    addRoots(*side, roots, limits);
             }
-        m_summary.below = withoutNested(std::move(m_summary.below));
-        for (Entries* entries : {&m_entriesA, &m_entriesB})
-            std::erase_if(*entries, [this](const Entry& entry) { return !isWithin(entry.dn, m_summary.below); });
+        roots = roots.empty() ? std::vector<std::string>{usualRoot} : withoutNested(roots);
+        for (Side* side : {&m_a, &m_b})
+            if (!side->source.knowsRoots()) {
+                side->entries = readEntries(side->source, roots, m_rules, m_interruption);
+                if (limits.empty())
+                    limits = roots;
+            }
+        m_summary.below = withoutNested(limits);
     }
 
     /// An export limits the comparison to itself; a whole tree has the usual root, though it may lack it.
-    void addRoots(const TreeSource& source, const Entries& entries, std::vector<std::string>& roots)
+    static void addRoots(const Side& side, std::vector<std::string>& roots, std::vector<std::string>& limits)
     {
-        const std::vector<std::string> tops = topsOf(entries);
+        const std::vector<std::string> tops = topsOf(side.entries);
         roots.insert(roots.end(), tops.begin(), tops.end());
-        if (source.isWhole())
+        if (side.source.isWhole())
             roots.emplace_back(usualRoot);
         else
-            m_summary.below.insert(m_summary.below.end(), tops.begin(), tops.end());
+            limits.insert(limits.end(), tops.begin(), tops.end());
     }
 
     void compare(const Entry& a, const Entry& b, const std::function<void(const ObjectDifference&)>& tell)
     {
         if (a.fingerprint == b.fingerprint)
             return;
-        const auto objectA = m_a.again(a.dn, a.instance, a.place);
-        const auto objectB = m_b.again(b.dn, b.instance, b.place);
+        const auto objectA = m_a.source.again(a.dn, a.instance, a.place);
+        const auto objectB = m_b.source.again(b.dn, b.instance, b.place);
         ObjectDifference difference{a.dn, a.instance, Where::both, objectA.get(), objectB.get()};
         if (objectA && objectB) {
             difference.attributes = differences(objectA->attributes, objectB->attributes,
@@ -269,11 +291,10 @@ private:
         tell(difference);
     }
 
-    TreeSource& m_a;
-    TreeSource& m_b;
+    Side m_a;
+    Side m_b;
+    const Interruption* const m_interruption;
     const Rules m_rules;
-    Entries m_entriesA;
-    Entries m_entriesB;
     DiffSummary m_summary;
 };
 

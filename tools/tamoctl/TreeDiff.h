@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+class Interruption;
 class TreeSource;
 
 /// An attribute that is not the same in both objects; null where it is not there.
@@ -35,6 +36,8 @@ struct DiffOptions {
     std::vector<std::string> below;
     /// Only persistent attributes and parked values, on their objects and the objects above them.
     bool persistentOnly = false;
+    /// Ends the comparison with a Failure (interrupted) when it has come.
+    const Interruption* interruption = nullptr;
 };
 
 struct DiffSummary {
