@@ -13,6 +13,7 @@
 #include "platform/messages/Answers.h"
 #include "platform/messages/Requests.h"
 #include "store/FileLocations.h"
+#include "values/Schema.h"
 
 #include <algorithm>
 #include <chrono>
@@ -148,7 +149,7 @@ public:
     void rebuildIndex()
     {
         run(m_runtime, "DROP INDEX unique_object");
-        run(m_runtime, "CREATE UNIQUE INDEX unique_object ON DBObject (parent,dn,MOInstance)");
+        run(m_runtime, Schema::objectIndex);
     }
     void dump()
     {

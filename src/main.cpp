@@ -13,7 +13,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <string>
 #include <string_view>
 
@@ -113,13 +115,8 @@ void serveRequests()
         wrapper->thread().join();
 }
 
-} // namespace
-
-int main(int count, char** arguments)
+int runService()
 {
-    if (count > 1)
-        return answerArguments(count, arguments);
-    RegisterSegmentFaultHandler();
     RuntimeGuard guard;
     if (!guard.claim())
         return exitFailed;
@@ -151,4 +148,19 @@ int main(int count, char** arguments)
     FrameworkControl::finalize();
     SQLite::destroyInstance();
     return 0;
+}
+
+} // namespace
+
+int main(int count, char** arguments)
+{
+    if (count > 1)
+        return answerArguments(count, arguments);
+    RegisterSegmentFaultHandler();
+    try {
+        return runService();
+    } catch (const std::exception& error) { // no memory, for one
+        LOG_ERROR("Database: Ended by an exception: %s", error.what());
+        std::_Exit(exitFailed); // other threads may be at work: nothing is destroyed under them
+    }
 }

@@ -4,6 +4,7 @@
 #include "store/SQLite.h"
 
 #include "persistence/PersistentStorage.h"
+#include "persistence/PreviousConfiguration.h"
 #include "persistence/ShellCommand.h"
 #include "store/FileLocations.h"
 
@@ -117,6 +118,12 @@ bool isChanged(const std::string& permanent, const char* operation)
         return changes >= 1;
     LOG_ERROR("SQLite::%s: no comparison with %s: %s. It counts as changed.", operation, permanent.c_str(), reason);
     return true;
+}
+
+off_t sizeOf(const std::string& file)
+{
+    struct stat entry {};
+    return stat(file.c_str(), &entry) == 0 ? entry.st_size : 0;
 }
 
 bool isSameFile(const std::string& a, const std::string& b)
@@ -240,13 +247,14 @@ bool SQLite::storeDbToFlash()
     bool result = true;
     if (!isChanged(permanent, __func__)) {
         LOG_INFO("SQLite::%s: pRBSdb not stored to flash", __func__);
-    } else if (!copyTo(permanent, __func__)) {
+    } else if (PreviousConfiguration previous(permanent, sizeOf(temporaryFile)); !copyTo(permanent, __func__)) {
         LOG_ERROR("SQLite::%s: failed to copy new pRBSdb to flash", __func__);
         result = false;
     } else {
         LOG_DEBUG("SQLite::%s: Copied new pRbsDb to %s", __func__, permanent.c_str());
         LOG_INFO("SQLite::%s: pRBSdb stored to flash", __func__);
         flushFileSystems();
+        previous.drop();
     }
     for (const std::string& file : {temporaryFile, firstDump, secondDump, countFile})
         removeByCommand(file);
@@ -276,6 +284,9 @@ bool SQLite::storePersistentDump(bool backup)
         return false;
     }
     const char* const target = dump->target.c_str();
+    std::optional<PreviousConfiguration> previous;
+    if (!backup)
+        previous.emplace(dump->target, sizeOf(temporaryFile));
     const bool copied = copyTo(dump->target, __func__);
     removeByCommand(temporaryFile);
     if (!copied) {
@@ -285,5 +296,7 @@ bool SQLite::storePersistentDump(bool backup)
     LOG_DEBUG("SQLite::%s: Copied new pRBSdb to %s", __func__, target);
     LOG_INFO("SQLite::%s: Persistent MOs stored", __func__);
     flushFileSystems();
+    if (previous)
+        previous->drop();
     return true;
 }

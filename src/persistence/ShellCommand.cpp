@@ -54,6 +54,8 @@ bool holds(const fs::path& directory, const fs::path& inside)
 
 std::string shellWord(const std::string& path)
 {
+    if (path.starts_with('-')) // every program takes that for an option
+        return shellWord("./" + path);
     constexpr const char* plain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._/+,:=-";
     if (!path.empty() && path.find_first_not_of(plain) == std::string::npos)
         return path;

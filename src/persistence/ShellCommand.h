@@ -3,7 +3,7 @@
 #include <string>
 
 /// The path as one word of a command line: as it stands while it holds only letters, digits and
-/// ". _ / + , : = -", else in quotes.
+/// ". _ / + , : = -", else in quotes. One that begins with "-" gets "./" in front.
 std::string shellWord(const std::string& path);
 
 /// Runs a command line through the shell and waits for its end. Returns what system() does: 0 for a

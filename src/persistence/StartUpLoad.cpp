@@ -3,6 +3,7 @@
 
 #include "persistence/StartUpLoad.h"
 
+#include "persistence/PreviousConfiguration.h"
 #include "store/FileLocations.h"
 
 #include "platform/middleware/Log.h"
@@ -18,7 +19,6 @@ namespace {
 constexpr const char* operation = "loadPermanentConfFile";
 
 constexpr std::int32_t middlewareFactoryReset = 2;
-constexpr std::int32_t middlewareOrderedReset = 6;
 constexpr std::int32_t swFallback = 2;
 constexpr std::int32_t factoryResetReason = 7;
 
@@ -32,6 +32,13 @@ std::int32_t mappedReason(std::int32_t middleware)
 {
     const auto index = static_cast<std::uint32_t>(middleware); // a negative value becomes a large one
     return index < reasonOfMiddleware.size() ? reasonOfMiddleware[index] : unknownReason;
+}
+
+/// Trouble of the moment, which the next start may well be without: a full runtime drive, no memory,
+/// somebody else's lock.
+bool saysNothingOfTheFile(int result)
+{
+    return result == SQLITE_FULL || result == SQLITE_NOMEM || result == SQLITE_BUSY;
 }
 
 /// Software fallback, whoever ordered it.
@@ -54,7 +61,13 @@ SQLite::StartUpLoad::StartUpLoad(SQLite& store)
 
 bool SQLite::StartUpLoad::run()
 {
+    PreviousConfiguration::takeBack(m_permanentFile);
     readCommonDatabase();
+    // The common database must not pass for the configuration when that cannot be loaded.
+    if (!m_store.renewRuntime()) {
+        m_store.setLoadError();
+        return false;
+    }
     if (!askMiddleware())
         return false;
     return m_backupOngoing ? duringBackup() : withoutBackup();
@@ -95,7 +108,9 @@ bool SQLite::StartUpLoad::withoutBackup()
         giveUpPermanentFile();
         if (result != SQLITE_OK)
             return false;
-    } else if (m_store.convertToCurrentVersion() != SQLITE_OK || result != SQLITE_OK) {
+    } else if (const int converted = m_store.convertToCurrentVersion(); (result | converted) != SQLITE_OK) {
+        if (saysNothingOfTheFile(result) || saysNothingOfTheFile(converted))
+            m_store.setLoadError(); // ends this start: the file would be put aside, and the next one comes up empty
         return false;
     }
     LOG_INFO("SQLite::%s, Permanent configuration file loaded.", operation);
@@ -113,14 +128,11 @@ void SQLite::StartUpLoad::factoryReset()
         LOG_INFO("SQLite::%s, Factory reset detected, permanent configuration file not deleted.", operation);
 }
 
-/// Loads the permanent file; SQLite's code. What the runtime database held before, the common
-/// database for one, must not pass for the configuration when that fails.
+/// Loads the permanent file; SQLite's code.
 int SQLite::StartUpLoad::load()
 {
     m_store.setDatabaseFile(m_permanentFile);
-    int result = m_store.emptyRuntime();
-    if (result == SQLITE_OK)
-        result = m_store.loadOrSaveDb(Direction::load);
+    const int result = m_store.loadOrSaveDb(Direction::load);
     LOG_INFO("SQLite::%s, loadOrSaveDb( LOAD ) Sqlite open return code: %d.", operation, result);
     return result;
 }
@@ -175,7 +187,7 @@ bool SQLite::StartUpLoad::takeOver()
     return true;
 }
 
-/// Prepares a recovery reset after which everything is as it was at this start, but for the mode.
+/// Prepares a recovery reset: the next start finds this partition and this reason again.
 void SQLite::StartUpLoad::startSamePartitionAgain()
 {
     if (m_reasonFound)

@@ -19,6 +19,9 @@ public:
     bool run();
 
 private:
+    /// The middleware's reason after a reset that somebody ordered.
+    static constexpr std::int32_t middlewareOrderedReset = 6;
+
     // The common database (StartUpLoad_CommonDb.cpp)
     void readCommonDatabase();
     bool loadCommonDatabase();

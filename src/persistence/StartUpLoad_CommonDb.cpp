@@ -20,12 +20,24 @@ namespace {
 constexpr const char* operation = "loadPermanentConfFile";
 constexpr const char* commonPair = "Common";
 
-/// A whole-database copy takes pages as they are, so that damage shows later, as an error in the
-/// middle of a select.
-bool isIntact(Connection& connection)
+/// SQLITE_CORRUPT for what facts can neither be read from nor written to, else SQLITE_OK or why
+/// that cannot be told. A whole-database copy takes pages as they are, so that damage shows later.
+int judge(Connection& connection)
 {
     Statement check(&connection, "PRAGMA integrity_check");
-    return check.next() && check.text(0) == "ok";
+    if (!check.next())
+        return check.result();
+    if (check.text(0) != "ok")
+        return SQLITE_CORRUPT;
+    Statement tables(&connection, "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name IN "
+                                  "('DBObject', 'Attribute')");
+    if (!tables.next())
+        return tables.result();
+    Statement columns(&connection, "SELECT parent, dn, MOInstance, isMOMObject, system, belongsTo, name, value, "
+                                   "value_type, hidden, persistent FROM DBObject, Attribute LIMIT 0");
+    if (tables.integer(0) != 2 || columns.step() == SQLITE_ERROR)
+        return SQLITE_CORRUPT;
+    return columns.done() ? SQLITE_OK : columns.result();
 }
 
 } // namespace
@@ -49,8 +61,8 @@ void SQLite::StartUpLoad::readCommonDatabase()
 bool SQLite::StartUpLoad::loadCommonDatabase()
 {
     int result = m_store.loadOrSaveDb(Direction::load);
-    if (result == SQLITE_OK && (!checkDBTables(m_store.runtime()) || !isIntact(*m_store.runtime())))
-        result = SQLITE_CORRUPT;
+    if (result == SQLITE_OK)
+        result = judge(*m_store.runtime());
     if (result == SQLITE_OK)
         return true;
     LOG_WARNING("SQLite::%s, the common database %s cannot be read (SQLite error %d); starting without it", operation,

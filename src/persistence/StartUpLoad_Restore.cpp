@@ -3,6 +3,7 @@
 
 #include "persistence/StartUpLoad.h"
 
+#include "persistence/PreviousConfiguration.h"
 #include "persistence/ShellCommand.h"
 #include "store/FileLocations.h"
 
@@ -11,10 +12,11 @@
 
 #include <sqlite3.h>
 
+#include <filesystem>
+
 namespace {
 
 constexpr const char* operation = "loadPermanentConfFile";
-constexpr std::int32_t middlewareOrderedReset = 6;
 
 bool isRestore(std::int32_t reason) { return reason == 19 || reason == 20; }
 
@@ -48,7 +50,6 @@ bool SQLite::StartUpLoad::restore()
     LOG_INFO("SQLite::%s, systemModeValidated: %s", operation, text(validated));
     if (!validated)
         return refuseRestoredMode();
-    flushFileSystems(); // a power cut must not find both gone
     removeBackupDirectory();
     return true;
 }
@@ -56,11 +57,18 @@ bool SQLite::StartUpLoad::restore()
 bool SQLite::StartUpLoad::replacePermanentFile()
 {
     m_store.setDatabaseFile(m_permanentFile);
+    std::error_code error;
+    const auto size = std::filesystem::file_size(m_backupFile, error);
+    PreviousConfiguration previous(m_permanentFile, error ? 0 : static_cast<off_t>(size));
     // A journal left beside the file would be rolled back onto the restored content.
     removeSideFiles(m_permanentFile);
     if (runLogged("cp " + shellWord(m_backupFile) + " " + shellWord(m_permanentFile)) != 0)
         return false;
-    return load() == SQLITE_OK && m_store.convertToCurrentVersion() == SQLITE_OK;
+    if (load() != SQLITE_OK || m_store.convertToCurrentVersion() != SQLITE_OK)
+        return false;
+    flushFileSystems(); // a power cut must not find this one and the backup gone
+    previous.drop();
+    return true;
 }
 
 /// The middleware has been told of the restored mode; it holds after a reset, which is to find

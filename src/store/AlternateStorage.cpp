@@ -9,19 +9,12 @@
 #include "store/ValueBinding.h"
 
 #include "platform/middleware/Log.h"
+#include "values/Schema.h"
 #include "values/ValueType.h"
 
 #include <sqlite3.h>
 
 namespace {
-
-constexpr const char* createTableText =
-    "CREATE TABLE IF NOT EXISTS Attribute_AltStorage(id INTEGER,belongsTo INTEGER NOT NULL,name TEXT DEFAULT "
-    "'Uninitialized name',value BLOB,value_type INTEGER,hidden INTEGER DEFAULT 0,persistent INTEGER DEFAULT "
-    "0,alt_storage INTEGER DEFAULT -1,PRIMARY KEY(id),FOREIGN KEY(belongsTo)REFERENCES DBObject(id) ON DELETE "
-    "CASCADE)";
-constexpr const char* createIndexText =
-    "CREATE UNIQUE INDEX IF NOT EXISTS unique_attribute_altstorage ON Attribute_AltStorage (belongsTo,name)";
 
 constexpr int slotColumn = 7;
 
@@ -54,7 +47,8 @@ bool AlternateStorage::createTable()
 {
     if (m_connection.alternateTable.value_or(false))
         return true;
-    if (m_connection.execute(createTableText) != SQLITE_OK || m_connection.execute(createIndexText) != SQLITE_OK)
+    if (m_connection.execute(Schema::alternateTable) != SQLITE_OK ||
+        m_connection.execute(Schema::alternateIndex) != SQLITE_OK)
         return false;
     m_connection.alternateTable = true;
     return true;

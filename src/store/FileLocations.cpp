@@ -127,7 +127,10 @@ void removeSideFiles(const std::string& path)
 bool moveAside(const std::string& path)
 {
     const std::string aside = rejectedName(path);
-    if (rename(path.c_str(), aside.c_str()) != 0)
+    const auto renamed = [&] { return rename(path.c_str(), aside.c_str()) == 0; };
+    // Where a directory is involved the one there is not replaced: it moves on first.
+    const auto barred = [] { return errno == ENOTEMPTY || errno == EEXIST || errno == EISDIR || errno == ENOTDIR; };
+    if (!renamed() && !(barred() && moveAside(aside) && renamed()))
         return false;
     for (const char* suffix : sideFiles)
         if (rename((path + suffix).c_str(), (aside + suffix).c_str()) != 0)
@@ -136,3 +139,5 @@ bool moveAside(const std::string& path)
 }
 
 std::string rejectedName(const std::string& path) { return path + ".rejected"; }
+
+std::string previousName(const std::string& path) { return path + ".previous"; }

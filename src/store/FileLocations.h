@@ -51,9 +51,13 @@ bool removeWithSideFiles(const std::string& path);
 /// about to be replaced, onto which a journal would be rolled back.
 void removeSideFiles(const std::string& path);
 
-/// Puts a file that is in the way aside as NAME.rejected (one generation), its side files with it.
+/// Puts a file or directory that is in the way aside as NAME.rejected, its side files with it. A file
+/// replaces the one put aside before; where one of the two is a directory the older is put aside, too.
 /// False, errno set, when it could not be moved.
 bool moveAside(const std::string& path);
 
 /// The name moveAside() gives.
 std::string rejectedName(const std::string& path);
+
+/// The name under which a store keeps the file that it is replacing.
+std::string previousName(const std::string& path);

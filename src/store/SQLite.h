@@ -330,6 +330,7 @@ private:
     ~SQLite();
     void createRuntimeDatabase();
     void closeRuntime();
+    bool renewRuntime();
     static int sql_commitCallback(void* store);
     static void sql_updateCallback(void* store, int operation, const char* database, const char* table,
                                    long long rowId);
@@ -342,7 +343,6 @@ private:
     int createSchema(Connection& file) const;
     int copyDatabase(Connection& destination, Connection& source) const;
     int copyOnce(Direction direction);
-    int emptyRuntime();
     std::optional<int> storedSystemMode();
     bool namesProtectedFile() const;
     void saveAfterCommit();

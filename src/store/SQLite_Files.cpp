@@ -7,6 +7,7 @@
 #include "store/Statement.h"
 
 #include "platform/middleware/Log.h"
+#include "values/Schema.h"
 
 #include <sqlite3.h>
 
@@ -17,24 +18,14 @@
 
 namespace {
 
-constexpr const char* createUniqueObject = "CREATE UNIQUE INDEX unique_object ON DBObject (parent,dn,MOInstance)";
-
 struct SchemaStep {
     const char* sql;
     bool mustSucceed;
 };
 
 constexpr SchemaStep schema[] = {
-    {"CREATE TABLE DBObject(id INTEGER,parent INTEGER DEFAULT 0 REFERENCES DBObject(id) ON DELETE CASCADE,dn "
-     "TEXT,MOInstance INTEGER DEFAULT 1,isMOMObject INTEGER DEFAULT 1,system INTEGER DEFAULT 0,PRIMARY KEY(id))",
-     true},
-    {"CREATE TABLE Attribute(id INTEGER,belongsTo INTEGER NOT NULL,name TEXT DEFAULT 'Uninitialized name',value "
-     "BLOB,value_type INTEGER,hidden INTEGER DEFAULT 0,persistent INTEGER DEFAULT 0,PRIMARY KEY(id),FOREIGN "
-     "KEY(belongsTo)REFERENCES DBObject(id) ON DELETE CASCADE)",
-     true},
-    {"INSERT INTO DBObject VALUES(0,0,'baseobject',1,0,0)", false},
-    {createUniqueObject, true},
-    {"CREATE UNIQUE INDEX unique_attribute ON Attribute (belongsTo,name)", true},
+    {Schema::objectTable, true}, {Schema::attributeTable, true}, {Schema::baseObject, false},
+    {Schema::objectIndex, true}, {Schema::attributeIndex, true},
 };
 
 /// Not SQLite's to mend: a file that is no database, or one that a killed writer left half written.
@@ -75,18 +66,6 @@ int SQLite::copyOnce(Direction direction)
         forgetLookups();
         m_runtime->forgetSchema();
     }
-    return result;
-}
-
-/// Leaves the runtime connection without a table; an SQLite code.
-int SQLite::emptyRuntime()
-{
-    Connection nothing;
-    int result = nothing.open(":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, busyTimeout);
-    if (result == SQLITE_OK)
-        result = copyDatabase(*m_runtime, nothing);
-    forgetLookups();
-    m_runtime->forgetSchema();
     return result;
 }
 
@@ -156,7 +135,7 @@ int SQLite::convertToCurrentVersion()
     if (!m_runtime)
         return SQLITE_MISUSE;
     m_runtime->execute("DROP INDEX unique_object");
-    Statement create(m_runtime, createUniqueObject);
+    Statement create(m_runtime, Schema::objectIndex);
     const int result = create.step();
     if (!create.done()) {
         LOG_ERROR("SQLite::convertToCurrentVersion - FAILED");
@@ -220,8 +199,9 @@ bool SQLite::removeDatabaseFile(const std::string& name)
         LOG_ERROR("SQLite::%s, Unexpected error!!!", __func__);
         return false;
     }
-    // What start-up once put aside goes with the file it was.
+    // What start-up once put aside goes with the file it was, and what an interrupted store left.
     removeWithSideFiles(rejectedName(path));
+    removeWithSideFiles(previousName(path));
     removeWithSideFiles(rejectedName(runtimeDirectory() + "/Database"));
     if (!isRegularFile(path)) {
         LOG_DEBUG("SQLite::%s, \"%s\" does not exist, no need to remove", __func__, path.c_str());

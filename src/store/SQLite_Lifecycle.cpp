@@ -114,6 +114,17 @@ void SQLite::closeRuntime()
     m_ownRuntime.reset();
 }
 
+/// Starts the runtime database over. Deleting what was loaded would not do: a connection keeps the text
+/// encoding of the first file it was given and refuses one of another encoding, and a file keeps its
+/// journal mode, with which it refuses another page size.
+bool SQLite::renewRuntime()
+{
+    closeRuntime();
+    createRuntimeDatabase();
+    forgetLookups();
+    return hasRuntimeConnection();
+}
+
 bool SQLite::shutDownOngoing(const char* operation) const
 {
     if (m_shutDown)

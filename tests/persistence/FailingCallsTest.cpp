@@ -55,7 +55,7 @@ TEST_F(FailingCalls, OfAStartHarmNoLastingFile)
         ASSERT_EQ(contentOf(permanent()), stored);
         restart();
         ASSERT_TRUE(store().loadPermanentConfFile()) << "with everything in order again";
-        ASSERT_EQ(tree().find("P=1") == std::string::npos, false);
+        ASSERT_NE(tree().find("P=1"), std::string::npos);
         if (!happened)
             break;
     }

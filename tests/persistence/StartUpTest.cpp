@@ -3,6 +3,7 @@
 #include "tests/persistence/StartFiles.h"
 #include "tests/support/Faults.h"
 
+#include "persistence/Surroundings.h"
 #include "platform/messages/Notifications.h"
 
 #include <sqlite3.h>
@@ -226,6 +227,26 @@ protected:
 
 } // namespace
 
+TEST_F(StartUpFiles, InterruptedStoreGivesWayToTheConfigurationBeforeIt)
+{
+    const std::string previous = permanent() + ".previous";
+    for (const int left : {-1, 0, 5000}) { // bytes of what was being written
+        makePermanent();
+        fs::rename(permanent(), previous);
+        if (left >= 0)
+            writeJunk(permanent(), left);
+        EXPECT_TRUE(store().loadPermanentConfFile()) << left;
+        EXPECT_EQ(tree(), "Stored=1") << left;
+        EXPECT_FALSE(fs::exists(previous));
+        SQLite::destroyInstance(false);
+        fs::remove(permanent());
+    }
+    makePermanent();
+    fs::rename(permanent(), previous);
+    EXPECT_TRUE(store().removeDatabaseFile("pRBSdb"));
+    EXPECT_FALSE(store().loadPermanentConfFile()) << "what is removed does not come back";
+}
+
 TEST_F(StartUpFiles, ConsumedReasonLeavesTheRestOfTheCommonObject)
 {
     makePermanent();
@@ -275,14 +296,57 @@ TEST_F(StartUpFiles, DamagedCommonDatabaseIsPutAsideAndStopsNothing)
     EXPECT_EQ(log.count(mwLogWarning, "is put aside as " + aside), 2);
 }
 
-TEST_F(StartUpFiles, FailedLoadNeverLeavesTheCommonDatabaseAsConfiguration)
+// What another program made of the file is no reason to refuse the permanent one, which is as ever.
+TEST_F(StartUpFiles, FormatOfTheCommonDatabaseIsItsOwn)
+{
+    makePermanent();
+    for (const char* format : {"pragma encoding = 'UTF-16le'", "pragma page_size = 65536; pragma journal_mode = wal"}) {
+        fs::remove(commonFile());
+        Connection common;
+        ASSERT_EQ(common.open(commonFile(), SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, 0), SQLITE_OK);
+        common.execute(format);
+        ASSERT_EQ(common.execute("create table DBObject(id integer primary key, parent, dn, MOInstance, isMOMObject, "
+                                 "system);"
+                                 "create table Attribute(id integer primary key, belongsTo, name, value, value_type, "
+                                 "hidden, persistent);"
+                                 "insert into DBObject values(0, 0, 'baseobject', 1, 0, 0), (1, 0, 'Common', 1, 0, 0);"
+                                 "insert into Attribute values(1, 1, 'resetReason', '3', 3, 0, 0)"),
+                  SQLITE_OK);
+        common.close();
+        EXPECT_TRUE(store().loadPermanentConfFile());
+        EXPECT_EQ(tree(), "Common,Stored=1");
+        EXPECT_EQ(store().resetReason(), 3);
+        EXPECT_TRUE(middleware.state().controlledResets.empty());
+        SQLite::destroyInstance(false);
+    }
+}
+
+TEST_F(StartUpFiles, FullRuntimeDriveNeitherCondemnsNorReplacesTheConfiguration)
 {
     makePermanent();
     makeCommon(3, std::nullopt);
-    const FullDrive full("runtime/pRBSdb");
-    EXPECT_FALSE(store().loadPermanentConfFile());
-    EXPECT_EQ(log.count(mwLogInfo, "Sqlite open return code: 13"), 1);
+    {
+        const FullDrive full("runtime/pRBSdb");
+        EXPECT_FALSE(store().loadPermanentConfFile());
+        EXPECT_TRUE(store().loadError()) << "else the file is put aside, and the next start comes up empty";
+    }
     EXPECT_TRUE(middleware.state().controlledResets.empty()) << "the file itself is sound";
+    SQLite::destroyInstance(false);
+    EXPECT_TRUE(store().loadPermanentConfFile());
+    EXPECT_EQ(store().resetReason(), 3) << "the facts of the common database wait as well";
+}
+
+TEST_F(StartUpFiles, CommonDatabaseThatCannotBeCheckedNowIsKeptForTheNextStart)
+{
+    makePermanent();
+    makeCommon(3, std::nullopt);
+    const auto refuse = [](void*, int action, const char*, const char*, const char*, const char*) {
+        return action == SQLITE_PRAGMA ? SQLITE_DENY : SQLITE_OK;
+    };
+    sqlite3_set_authorizer(store().runtime()->handle(), refuse, nullptr); // until that connection is closed
+    EXPECT_TRUE(store().loadPermanentConfFile());
+    EXPECT_EQ(store().resetReason(), 12);
+    EXPECT_EQ(commonFact("resetReason"), "3");
 }
 
 TEST_F(StartUpFiles, ModeMismatchIsAFaultAndMarkedInTheTree)
@@ -331,4 +395,22 @@ TEST_F(StartUpFiles, CommonDatabaseThatCannotTakeTheEndOfABackupIsPutAside)
     EXPECT_TRUE(fs::exists(commonFile() + ".rejected"));
     SQLite::destroyInstance(false);
     EXPECT_TRUE(store().loadPermanentConfFile()) << "the next start is an ordinary one";
+}
+
+TEST_F(StartUpFiles, SurroundingsThatCannotServeAreNamed)
+{
+    const ScopedVariable temporary("TAMO_BRM_TEMP_FILE_PATH", path("backup"));
+    reportUnusableSurroundings();
+    EXPECT_EQ(log.count(mwLogError, ""), 0) << "what the tests themselves run in is in order";
+    const ScopedVariable common("TAMO_PERSISTENT_STORAGE", std::nullopt);
+    const ScopedVariable dump("TAMO_DB_DUMP_FILE_PATH", std::nullopt);
+    const ScopedVariable backups("TAMO_BRM_BACKUP_PATH", "");
+    const ScopedVariable flash("TAMO_DB_FILE_PATH", std::string(4097, 'x'));
+    const ScopedVariable programs("PATH", path("."));
+    reportUnusableSurroundings();
+    EXPECT_EQ(log.count(mwLogError, "TAMO_PERSISTENT_STORAGE is not set"), 1);
+    EXPECT_EQ(log.count(mwLogError, "TAMO_BRM_BACKUP_PATH is empty"), 1);
+    EXPECT_EQ(log.count(mwLogError, "TAMO_DB_FILE_PATH is too long"), 1);
+    EXPECT_EQ(log.count(mwLogError, "Environment variable"), 3) << "a default takes the dump directory's place";
+    EXPECT_EQ(log.count(mwLogError, "is not on PATH"), 5);
 }

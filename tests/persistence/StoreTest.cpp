@@ -219,28 +219,36 @@ TEST_F(Store, LeftOversAndLinksAtTheFixedNamesAreRemovedNotFollowed)
     plantsAndStores([&](const std::string& name) { fs::create_symlink(victim, name); }, "links");
     plantsAndStores([&](const std::string& name) { fs::create_symlink(path("runtime/pRBSdb"), name); }, "runtime");
     EXPECT_EQ(value("A=1,B=1", "plain"), "p");
-    fs::create_directory("/tmp/tmp_pRBSdb");
-    writeJunk("/tmp/tmp_pRBSdb/inside", 10);
-    EXPECT_TRUE(store().storePersistentDump(false));
-    EXPECT_TRUE(fs::remove("/tmp/tmp_pRBSdb.rejected/inside")) << "somebody's directory is only moved";
+    for (const char* inside : {"/tmp/tmp_pRBSdb/first", "/tmp/tmp_pRBSdb/second"}) {
+        fs::create_directory("/tmp/tmp_pRBSdb");
+        writeJunk(inside, 10);
+        EXPECT_TRUE(store().storePersistentDump(false)) << inside;
+    }
+    EXPECT_TRUE(fs::remove("/tmp/tmp_pRBSdb.rejected/second")) << "somebody's directory is only moved";
+    EXPECT_TRUE(fs::remove("/tmp/tmp_pRBSdb.rejected.rejected/first"));
     fs::remove("/tmp/tmp_pRBSdb.rejected");
+    fs::remove("/tmp/tmp_pRBSdb.rejected.rejected");
 }
 
 TEST_F(Store, PathsThatTheShellWouldMisreadAndPathsTooLongToCompare)
 {
-    for (const std::string& name : {std::string("it's $HOME; *"), std::string(240, 'd')}) {
-        fs::create_directories(path(name));
-        const ScopedVariable flash("TAMO_DB_FILE_PATH", path(name));
+    const fs::path before = fs::current_path();
+    fs::current_path(path("flash")); // for the relative one
+    for (const std::string& name : {path("it's $HOME; *"), path(std::string(240, 'd')), std::string("-n")}) {
+        fs::create_directories(name);
+        const ScopedVariable flash("TAMO_DB_FILE_PATH", name);
         ASSERT_TRUE(change("2"));
         EXPECT_TRUE(writes());
         ASSERT_TRUE(change("3"));
         EXPECT_TRUE(writes());
-        EXPECT_EQ(StoredFiles::values(path(name) + "/pRBSdb"), "deep=3");
-        const bool tooLong = name.size() > 200;
+        EXPECT_EQ(StoredFiles::values(name + "/pRBSdb"), "deep=3");
+        const bool tooLong = name.size() > 240;
         EXPECT_EQ(log.count(mwLogError, "longer than 255 characters"), tooLong ? 1 : 0);
         EXPECT_EQ(log.count(mwLogError), tooLong ? 1 : 0) << "one line";
         EXPECT_TRUE(tooLong ? writes() : leaves());
+        log.forget();
     }
+    fs::current_path(before);
 }
 
 TEST_F(Store, ComparisonThatCannotRunCountsAsChanged)

@@ -1,4 +1,4 @@
-// Helpers of the utility library: commands, paths, lists and file rights.
+// Helpers of the utility library: commands, lists and file rights.
 #include "Scratch.h"
 
 #include "platform/utility/SystemFunctions.h"
@@ -72,15 +72,6 @@ TEST(ExecuteCmd, FilesOfTheNodeAreTakenFromItsRoot)
     EXPECT_EQ(executeCmd(10, "/usr/bin/prepare.sh /mnt/activecfg /mnt/missing mnt/activecfg", scratch.path(""), true),
               0);
     EXPECT_EQ(scratch.read("arguments"), root + "/mnt/activecfg /mnt/missing mnt/activecfg\n");
-}
-
-TEST(Paths, VariableWinsOverDefault)
-{
-    const ScopedVariable set("TAMO_TEST_PATH", "/from/variable");
-    const ScopedVariable partitions("TAMO_CONFIG_PARTITIONS", "/node/config");
-    EXPECT_EQ(getPath("TAMO_TEST_PATH", "/default"), "/from/variable");
-    EXPECT_EQ(getPath("TAMO_TEST_PATH_UNSET", "/default"), "/default");
-    EXPECT_EQ(getConfigPartitionPath(2), "/node/config/2");
 }
 
 TEST(ResetReasons, EveryCodeHasItsOwnNameAndOthersNone)

@@ -1,4 +1,5 @@
-// What a client reads while it has a transaction open: its own queued writes, and nobody else's.
+// What a client reads while it has a transaction open: its own queued writes, and nobody else's. Random
+// courses of such reads are in ModelTest.cpp; here is what its model leaves out.
 
 #include "tests/requests/TransactionRequestTest.h"
 
@@ -12,26 +13,13 @@ class Overlay : public TransactionRequestTest {
 protected:
     Overlay() { EXPECT_TRUE(start()); }
 
-    std::unique_ptr<DBObject> fetch(const std::string& dn, std::int32_t MOInstance, Service& from)
+    std::unique_ptr<DBObject> fetch(const std::string& dn)
     {
         TAMO_DBFetch request;
         request.dn = dn;
-        request.MOInstance = MOInstance;
-        const auto answer = under<TAMO_DBFetchRsp>(request, from);
+        const auto answer = under<TAMO_DBFetchRsp>(request, client);
         EXPECT_EQ(answer.data.result, answer.data.dataValid ? 0 : 1);
         return DBObject::DeSerializeDatafromDB(answer.data.data.data(), answer.length, answer.uncompressedSize);
-    }
-    std::unique_ptr<DBObject> fetch(const std::string& dn, std::int32_t MOInstance = 1)
-    {
-        return fetch(dn, MOInstance, client);
-    }
-    std::unique_ptr<Attribute> fetchAttribute(const std::string& dn, const std::string& name)
-    {
-        TAMO_DBFetchAttr request;
-        request.dn = dn;
-        request.attributeName = name;
-        const auto answer = under<TAMO_DBFetchAttrRsp>(request, client);
-        return DBObject::DeSerializeAttrfromDB(answer.data.data.data(), answer.length, answer.uncompressedSize);
     }
     TAMO_DBFetchMOClassRsp ofClass(const std::string& moClass)
     {
@@ -70,11 +58,6 @@ protected:
             text += each + " ";
         return text;
     }
-    static Attribute unchanged(Attribute attribute)
-    {
-        attribute.changed = false;
-        return attribute;
-    }
     static Attribute parked(Attribute attribute)
     {
         attribute.slot = 1;
@@ -84,75 +67,28 @@ protected:
 
 } // namespace
 
-TEST_F(Overlay, ObjectIsSeenAsItsOwnClientQueuedIt)
-{
-    ASSERT_TRUE(insert("A=1", {text("a", "old"), text("b", "old"), text("c", "old")}));
-    ASSERT_TRUE(insert("A=1", {text("a", "second")}, true, 2));
-    EXPECT_TRUE(queueUpdate(container("A=1", {text("a", "new"), unchanged(text("b", "new")),
-                                              unchanged(text("d", "new")), parked(text("a2", "new"))})));
-    EXPECT_TRUE(queueAttributeDeletion("A=1", "c"));
-    EXPECT_EQ(contents(*fetch("A=1")), ":a=new;b=old;c=old(deleted);d=new;a2=new(parked);");
-    EXPECT_EQ(contents(*fetch("A=1")), ":a=new;b=old;c=old(deleted);d=new;a2=new(parked);") << "as often as asked";
-    EXPECT_EQ(contents(*fetch("A=1", 2)), ":a=second;") << "another instance";
-    EXPECT_EQ(contents(*fetch("A=1", 1, autointegration)), ":a=old;b=old;c=old;") << "another client";
-    EXPECT_TRUE(queueDelete("A=1"));
-    EXPECT_FALSE(fetch("A=1"));
-    EXPECT_TRUE(queueInsert(container("A=1", {text("e", "again")})));
-    EXPECT_EQ(contents(*fetch("A=1")), ":e=again;");
-    EXPECT_TRUE(queueInsert(container("A=1,B=1", {text("e", "x")})));
-    EXPECT_EQ(fetch("B=1")->fullDn(), "A=1,B=1") << "by its own pair, too";
-    EXPECT_FALSE(object("A=1,B=1"));
-}
-
-TEST_F(Overlay, AttributeIsThatOfTheLastOperationOnItsObject)
+TEST_F(Overlay, ParkedAttributesStandApartFromLiveOnes)
 {
     ASSERT_TRUE(insert("A=1", {text("a", "old")}));
-    EXPECT_TRUE(queueUpdate(container("A=1", {unchanged(text("a", "new"))})));
-    EXPECT_EQ(fetchAttribute("A=1", "a")->ToStr(), "new");
-    EXPECT_TRUE(queueUpdate(container("A=1", {text("b", "x")})));
-    EXPECT_EQ(fetchAttribute("A=1", "a")->ToStr(), "old") << "which the last one does not hold";
-    EXPECT_EQ(fetchAttribute("A=1", "b")->ToStr(), "x");
-    EXPECT_TRUE(queueDelete("A=1"));
-    EXPECT_EQ(fetchAttribute("A=1", "a")->ToStr(), "old");
-    EXPECT_FALSE(fetchAttribute("A=1", "b"));
+    EXPECT_TRUE(queueUpdate(container("A=1", {text("a", "new"), parked(text("a2", "new"))})));
+    EXPECT_EQ(contents(*fetch("A=1")), ":a=new;a2=new(parked);");
+    EXPECT_EQ(contents(*fetch("A=1")), ":a=new;a2=new(parked);") << "as often as asked";
 }
 
-TEST_F(Overlay, ClassListFollowsTheOperationsInOrder)
+TEST_F(Overlay, InstancesOfOneDnAreAllChangedAndListedOnce)
 {
-    for (const char* dn : {"A=1", "A=1,B=1", "A=1,B=2", "A=1,B=3"})
+    for (const char* dn : {"A=1", "A=1,B=9", "A=1,B=10"})
         ASSERT_TRUE(insert(dn, {text("a", "old")}));
-    ASSERT_TRUE(insert("A=1,B=3", {text("a", "old")}, true, 2));
-    EXPECT_TRUE(queueDelete("A=1,B=1"));
-    EXPECT_TRUE(queueUpdate(container("A=1,B=3", {text("a", "new"), unchanged(text("b", "new"))})));
-    EXPECT_TRUE(queueUpdate(container("A=1,B=4", {text("a", "x"), unchanged(text("b", "x"))})));
-    EXPECT_TRUE(queueInsert(container("A=1,B=1", {text("a", "again")})));
-    EXPECT_TRUE(queueInsert(container("A=1,BB=1")));
-    EXPECT_TRUE(queueUpdate(container("A=1,B=4", {text("c", "x")})));
-    EXPECT_EQ(listOf("B"), "A=1,B=2:a=old; A=1,B=3:a=new; A=1,B=3:a=new; A=1,B=4:a=x;c=x; A=1,B=1:a=again; ");
-    EXPECT_TRUE(queueDelete("A=1,B=3"));
-    EXPECT_TRUE(queueDelete("A=1,B=4"));
-    EXPECT_EQ(listOf("B"), "A=1,B=2:a=old; A=1,B=1:a=again; ");
-    DBObject doubtful("B=2,B=5", 1, true, false, 0, 1, "A=1", 1);
-    EXPECT_TRUE(queueInsert(doubtful));
-    EXPECT_EQ(listOf("B"), "A=1,B=2:a=old; A=1,B=1:a=again; A=1,B=2,B=5: ");
-    EXPECT_EQ(log.count(mwLogError, "transObjParentDn was not empty and transObjDn contained commas"), 1);
-}
-
-TEST_F(Overlay, InstancesAreSortedAndUniqueInsideATransactionOnly)
-{
-    for (const char* dn : {"A=1", "A=1,B=9", "A=1,B=10", "A=2", "A=2,B=7"})
-        ASSERT_TRUE(insert(dn));
-    ASSERT_TRUE(insert("A=1,B=9", {}, true, 2));
-    constexpr std::int32_t none = id + 1;
-    EXPECT_EQ(instances("A=1", none), "10 9 9 ");
+    ASSERT_TRUE(insert("A=1,B=9", {text("a", "old")}, true, 2));
+    EXPECT_EQ(instances("A=1", id + 1), "10 9 9 ") << "without a transaction";
     EXPECT_EQ(instances("A=1", id), "10 9 ");
-    EXPECT_TRUE(queueUpdate(container("A=1,B=9")));
-    EXPECT_TRUE(queueInsert(container("A=1,B=2")));
-    EXPECT_TRUE(queueInsert(container("A=2,B=3")));
-    EXPECT_TRUE(queueInsert(container("A=1,BB=4")));
-    EXPECT_TRUE(queueDelete("A=1,B=10"));
-    EXPECT_EQ(instances("A=1", id), "2 9 ");
-    EXPECT_EQ(instances("A=1", none), "10 9 9 ");
+    EXPECT_TRUE(queueUpdate(container("A=1,B=9", {text("a", "new")})));
+    EXPECT_EQ(listOf("B"), "A=1,B=9:a=new; A=1,B=10:a=old; A=1,B=9:a=new; ");
+    EXPECT_TRUE(queueDelete("A=1,B=9"));
+    EXPECT_EQ(listOf("B"), "A=1,B=10:a=old; ");
+    EXPECT_TRUE(queueInsert(DBObject("B=2,B=5", 1, true, false, 0, 1, "A=1", 1)));
+    EXPECT_EQ(listOf("B"), "A=1,B=10:a=old; A=1,B=2,B=5: ");
+    EXPECT_EQ(log.count(mwLogError, "transObjParentDn was not empty and transObjDn contained commas"), 1);
 }
 
 TEST_F(Overlay, LimitsHoldForWhatTheClientSees)

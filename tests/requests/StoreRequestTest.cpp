@@ -86,20 +86,22 @@ private:
     ScopedVariable m_brm{"TAMO_BRM_TEMP_FILE_PATH", path("brm")};
 };
 
-/// A permanent file that cannot be written but can be removed: a program that runs.
+/// A permanent file that cannot be written but can be removed: a link to a program that runs.
 class RunningFile {
 public:
-    explicit RunningFile(const std::string& file)
+    explicit RunningFile(const std::string& link)
     {
+        const std::string file = link + ".program";
         fs::copy_file("/usr/bin/sleep", file, fs::copy_options::overwrite_existing);
+        fs::create_symlink(file, link);
         m_process = fork();
         if (m_process == 0) {
             execl(file.c_str(), "sleep", "60", nullptr);
             _exit(1);
         }
-        const std::string link = "/proc/" + std::to_string(m_process) + "/exe";
+        const std::string running = "/proc/" + std::to_string(m_process) + "/exe";
         std::error_code error;
-        while (fs::read_symlink(link, error) != fs::canonical(file) && kill(m_process, 0) == 0)
+        while (fs::read_symlink(running, error) != fs::canonical(file) && kill(m_process, 0) == 0)
             usleep(1000);
     }
     ~RunningFile()

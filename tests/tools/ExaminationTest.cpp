@@ -2,6 +2,7 @@
 
 #include "TamoctlRun.h"
 #include "TreeService.h"
+#include "values/Schema.h"
 
 #include <filesystem>
 #include <map>
@@ -14,16 +15,9 @@ using nlohmann::json;
 
 namespace {
 
-constexpr const char* schema = R"(
-CREATE TABLE DBObject(id INTEGER,parent INTEGER DEFAULT 0 REFERENCES DBObject(id) ON DELETE CASCADE,dn TEXT,MOInstance INTEGER DEFAULT 1,isMOMObject INTEGER DEFAULT 1,system INTEGER DEFAULT 0,PRIMARY KEY(id));
-CREATE TABLE Attribute(id INTEGER,belongsTo INTEGER NOT NULL,name TEXT DEFAULT 'Uninitialized name',value BLOB,value_type INTEGER,hidden INTEGER DEFAULT 0,persistent INTEGER DEFAULT 0,PRIMARY KEY(id),FOREIGN KEY(belongsTo)REFERENCES DBObject(id) ON DELETE CASCADE);
-INSERT INTO DBObject VALUES(0,0,'baseobject',1,0,0);
-CREATE UNIQUE INDEX unique_object ON DBObject (parent,dn,MOInstance);
-CREATE UNIQUE INDEX unique_attribute ON Attribute (belongsTo,name);)";
-
-constexpr const char* alternateStorage = R"(
-CREATE TABLE IF NOT EXISTS Attribute_AltStorage(id INTEGER,belongsTo INTEGER NOT NULL,name TEXT DEFAULT 'Uninitialized name',value BLOB,value_type INTEGER,hidden INTEGER DEFAULT 0,persistent INTEGER DEFAULT 0,alt_storage INTEGER DEFAULT -1,PRIMARY KEY(id),FOREIGN KEY(belongsTo)REFERENCES DBObject(id) ON DELETE CASCADE);
-CREATE UNIQUE INDEX IF NOT EXISTS unique_attribute_altstorage ON Attribute_AltStorage (belongsTo,name);)";
+const std::string schema = std::string(Schema::objectTable) + ";" + Schema::attributeTable + ";" + Schema::baseObject +
+                           ";" + Schema::objectIndex + ";" + Schema::attributeIndex + ";";
+const std::string alternateStorage = std::string(Schema::alternateTable) + ";" + Schema::alternateIndex + ";";
 
 /// A connection that makes and changes the files of a test.
 class Sql {
@@ -48,7 +42,7 @@ protected:
     std::string database(const std::string& name, const std::string& statements = "") const
     {
         const Sql sql(path(name));
-        sql(std::string("begin;") + schema + statements + ";commit");
+        sql("begin;" + schema + statements + ";commit");
         return path(name);
     }
     json check(const std::string& file, int code)

@@ -2,40 +2,27 @@
 
 #include "tools/client/ClientNames.h"
 
+#include "values/ClientNames.h"
+
 #include <algorithm>
-#include <array>
 #include <charconv>
+#include <span>
 #include <strings.h>
 
 namespace {
 
-/// In order of their node ids, from 1.
-constexpr std::array<const char*, 16> names{"Startup",
-                                            "ConfigurationManagement",
-                                            "FaultManagement",
-                                            "PerformanceManagement",
-                                            "Middleware",
-                                            "BoamInterface",
-                                            "SoftwareManagement",
-                                            "AutointegrationManagement",
-                                            "Reset",
-                                            "VEX",
-                                            "WebUI",
-                                            "WebUiProxy",
-                                            "SecMain",
-                                            "LocalAgent",
-                                            "LocalAgentDBPlugin",
-                                            "Transport"};
+/// Those that a client can be: number 0 is the database itself.
+constexpr std::span clients = std::span(clientNames).subspan<1>();
 
 } // namespace
 
 std::optional<std::int32_t> clientNode(std::string_view nameOrNumber)
 {
     const std::string asked(nameOrNumber);
-    const auto named = std::find_if(names.begin(), names.end(),
+    const auto named = std::find_if(clients.begin(), clients.end(),
                                     [&](const char* name) { return strcasecmp(name, asked.c_str()) == 0; });
-    if (named != names.end())
-        return static_cast<std::int32_t>(named - names.begin()) + 1;
+    if (named != clients.end())
+        return static_cast<std::int32_t>(named - clients.begin()) + 1;
     std::int32_t number = 0;
     const char* end = asked.data() + asked.size();
     const auto [read, error] = std::from_chars(asked.data(), end, number);
@@ -47,7 +34,7 @@ std::optional<std::int32_t> clientNode(std::string_view nameOrNumber)
 std::string clientNameList()
 {
     std::string list;
-    for (const char* name : names)
+    for (const char* name : clients)
         list.append(list.empty() ? "" : ", ").append(name);
     return list;
 }

@@ -70,7 +70,7 @@ public:
     /// Stores the persistent content as the permanent configuration, or as its backup copy. True also
     /// when the service has put it off or has nothing to store yet: StoreOutcome of storeOutcome().
     [[nodiscard]] bool storePersistent(bool backup, bool ignoreUpgradeState);
-    /// What a store answered true has come to, judged by what the tree says now.
+    /// What a store that is answered true comes to, judged by what the tree says now.
     StoreOutcome storeOutcome(bool ignoreUpgradeState);
     [[nodiscard]] bool storeBackupFragments();
     /// Has the service check its database files. It tells the result to its log only; when this

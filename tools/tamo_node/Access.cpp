@@ -21,7 +21,7 @@ std::optional<NodeLayout> existing(const std::string& directory)
     const fs::path path = fs::canonical(directory, error);
     if (!error && fs::is_directory(path, error))
         return NodeLayout(path.string());
-    fail("no directory " + directory);
+    fail("no directory " + directory + ": " + (error ? error.message() : "it is something else"));
     return std::nullopt;
 }
 

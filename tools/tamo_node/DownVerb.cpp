@@ -3,8 +3,10 @@
 #include "NodeLock.h"
 #include "Verbs.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 
 int down(const std::string& directory)
 {
@@ -13,7 +15,10 @@ int down(const std::string& directory)
         return exitFailure;
     const auto before = currentRecord(*layout);
     const pid_t holder = supervisorOf(*layout);
-    if (holder == 0 || !NodeLock::signalHolder(layout->lockFile(), SIGTERM))
+    const bool told = holder != 0 && NodeLock::signalHolder(layout->lockFile(), SIGTERM);
+    if (const int why = errno; !told && holder != 0 && NodeLock::holder(layout->lockFile()) == holder)
+        return fail("cannot signal the supervisor (process " + std::to_string(holder) + "): " + std::strerror(why));
+    if (!told)
         return fail("the node in " + layout->directory() + " is not up" +
                     (before && !before->problem.empty() ? ": " + before->problem : ""));
     // The supervisor kills what does not end; this deadline is for a supervisor that is stuck itself.

@@ -43,7 +43,7 @@ bool NodeLock::take(std::string& problem)
 
 pid_t NodeLock::holder(const std::string& path)
 {
-    const Descriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC)); // other users may ask, too
     if (!file)
         return 0;
     struct flock lock = wholeFile();

@@ -63,6 +63,9 @@ int giveOrder(const std::string& directory, const OperatorOrder& order, bool wai
     if (!updateNodeState(
             layout->stateFile(), [&](NodeState& state) { state.order = order; }, problem))
         return fail(problem);
+    if (order.powerCut)
+        std::printf("seed %llu\n", static_cast<unsigned long long>(order.seed));
+    std::fflush(stdout);
     return wait ? tellOutcome(*layout, before->bootCount) : exitSuccess;
 }
 
@@ -86,7 +89,5 @@ int powerCut(const PowerCutOptions& options)
     order.powerCut = true;
     order.stayOff = options.off;
     order.seed = options.seed ? *options.seed : std::random_device()();
-    std::printf("seed %llu\n", static_cast<unsigned long long>(order.seed));
-    std::fflush(stdout);
     return giveOrder(options.directory, order, options.wait);
 }

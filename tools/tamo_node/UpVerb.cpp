@@ -198,7 +198,8 @@ int upInBackground(const NodeLayout& layout, const UpOptions& arguments)
 int up(UpOptions arguments)
 {
     std::error_code error;
-    fs::create_directories(arguments.directory, error);
+    if (fs::create_directories(arguments.directory, error); error)
+        return fail("cannot make " + arguments.directory + ": " + error.message());
     const auto layout = existing(arguments.directory);
     if (!layout || !findProgram(arguments))
         return exitFailure;

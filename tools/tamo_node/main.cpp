@@ -6,8 +6,11 @@
 #include <CLI/CLI.hpp>
 
 #include <functional>
+#include <limits>
 
 namespace {
+
+const CLI::Range notNegative(std::int64_t{0}, std::numeric_limits<std::int64_t>::max());
 
 /// The verbs on a command line; each leaves what is to be done in `chosen`.
 class CommandLine {
@@ -70,7 +73,7 @@ void CommandLine::addLookVerbs()
     verb("env", "Prints the node's environment as shell assignments: eval $(tamo_node env DIR)", m_directory,
          [this] { return environment(m_directory); });
     auto* look = verb("log", "Prints the node's log", m_log.directory, [this] { return log(m_log); });
-    look->add_option("--lines", m_log.lines, "Only the last N lines");
+    look->add_option("--lines", m_log.lines, "Only the last N lines")->check(notNegative);
     look->add_flag("--follow", m_log.follow, "Go on with what is added, until Ctrl-C");
 }
 
@@ -86,7 +89,7 @@ void CommandLine::addFaultVerbs()
     auto* cut =
         verb("power-cut", "Takes the node's power away for a moment: writes that were not synchronised are lost",
              m_powerCut.directory, [this] { return powerCut(m_powerCut); });
-    cut->add_option("--seed", m_powerCut.seed, "Decides what is lost (default: any, printed)");
+    cut->add_option("--seed", m_powerCut.seed, "Decides what is lost (default: any, printed)")->check(notNegative);
     cut->add_flag("--off", m_powerCut.off, "The power does not come back until `up`");
     cut->add_flag("!--no-wait", m_powerCut.wait, "Return at once");
 
@@ -98,8 +101,8 @@ void CommandLine::addFaultVerbs()
     damage->add_option("--how", m_corrupt.how, "The kind of damage")
         ->required()
         ->check(CLI::IsMember({"truncate", "zero", "flip", "garbage"}));
-    damage->add_option("--seed", m_corrupt.seed, "Decides where (default: any, printed)");
-    damage->add_option("--at", m_corrupt.at, "The byte to cut or damage at (default: any)");
+    damage->add_option("--seed", m_corrupt.seed, "Decides where (default: any, printed)")->check(notNegative);
+    damage->add_option("--at", m_corrupt.at, "The byte to cut or damage at (default: any)")->check(notNegative);
 }
 
 void CommandLine::addStateVerbs()

@@ -7,6 +7,7 @@
 #include "tools/tamoctl/Failure.h"
 #include "tools/tamoctl/FileCopy.h"
 #include "tools/tamoctl/SqliteFile.h"
+#include "values/Schema.h"
 
 #include <filesystem>
 #include <sqlite3.h>
@@ -23,28 +24,23 @@ struct SchemaPart {
     bool required;
 };
 
-constexpr const char* createUniqueObject = "CREATE UNIQUE INDEX unique_object ON DBObject (parent,dn,MOInstance)";
-
 constexpr SchemaPart schema[] = {
-    {"table", "DBObject",
-     "CREATE TABLE DBObject(id INTEGER,parent INTEGER DEFAULT 0 REFERENCES DBObject(id) ON DELETE CASCADE,dn "
-     "TEXT,MOInstance INTEGER DEFAULT 1,isMOMObject INTEGER DEFAULT 1,system INTEGER DEFAULT 0,PRIMARY KEY(id))",
-     true},
-    {"table", "Attribute",
-     "CREATE TABLE Attribute(id INTEGER,belongsTo INTEGER NOT NULL,name TEXT DEFAULT 'Uninitialized name',value "
-     "BLOB,value_type INTEGER,hidden INTEGER DEFAULT 0,persistent INTEGER DEFAULT 0,PRIMARY KEY(id),FOREIGN "
-     "KEY(belongsTo)REFERENCES DBObject(id) ON DELETE CASCADE)",
-     true},
-    {"index", "unique_object", createUniqueObject, true},
-    {"index", "unique_attribute", "CREATE UNIQUE INDEX unique_attribute ON Attribute (belongsTo,name)", true},
-    {"table", "Attribute_AltStorage",
-     "CREATE TABLE Attribute_AltStorage(id INTEGER,belongsTo INTEGER NOT NULL,name TEXT DEFAULT 'Uninitialized "
-     "name',value BLOB,value_type INTEGER,hidden INTEGER DEFAULT 0,persistent INTEGER DEFAULT 0,alt_storage INTEGER "
-     "DEFAULT -1,PRIMARY KEY(id),FOREIGN KEY(belongsTo)REFERENCES DBObject(id) ON DELETE CASCADE)",
-     false},
-    {"index", "unique_attribute_altstorage",
-     "CREATE UNIQUE INDEX unique_attribute_altstorage ON Attribute_AltStorage (belongsTo,name)", false},
+    {"table", "DBObject", Schema::objectTable, true},
+    {"table", "Attribute", Schema::attributeTable, true},
+    {"index", "unique_object", Schema::objectIndex, true},
+    {"index", "unique_attribute", Schema::attributeIndex, true},
+    {"table", "Attribute_AltStorage", Schema::alternateTable, false},
+    {"index", "unique_attribute_altstorage", Schema::alternateIndex, false},
 };
+
+/// The words that SQLite keeps of a CREATE statement.
+std::string asKept(std::string sql)
+{
+    constexpr std::string_view unkept = "IF NOT EXISTS ";
+    if (const auto at = sql.find(unkept); at != std::string::npos)
+        sql.erase(at, unkept.size());
+    return sql;
+}
 
 const SchemaPart* partNamed(const std::string& type, const std::string& name)
 {
@@ -77,7 +73,7 @@ void compareSchema(SqliteFile& file, std::vector<std::string>& remarks)
         ++found[rows.text(1)];
         if (!part)
             remarks.push_back(what + " is none of the service's");
-        else if (rows.text(2) != part->sql)
+        else if (rows.text(2) != asKept(part->sql))
             remarks.push_back(what + " is another: " + rows.text(2));
     }
     if (!rows.done())
@@ -124,7 +120,7 @@ std::string errorText(int result) { return "SQLite error " + std::to_string(resu
 void rebuildIndex(SqliteFile& runtime, FileReport& report)
 {
     runtime.execute("DROP INDEX unique_object");
-    const int result = runtime.execute(createUniqueObject);
+    const int result = runtime.execute(Schema::objectIndex);
     report.startUp = result == SQLITE_OK ? StartUp::loads : StartUp::loadsNothing;
     if (result != SQLITE_OK && report.why.empty())
         report.why = "the index unique_object cannot be rebuilt (" + std::string(runtime.message()) + ")";

@@ -100,7 +100,10 @@ std::uint64_t copySideFile(const std::string& from, const std::string& to)
 
 std::string makeDirectory()
 {
-    std::string name = fs::temp_directory_path() / "tamoctl.XXXXXX";
+    std::error_code error;
+    std::string name = fs::temp_directory_path(error) / "tamoctl.XXXXXX";
+    if (error)
+        throw Failure(ExitCode::usage, "no directory for a copy: TMPDIR names none (" + error.message() + ")");
     if (!::mkdtemp(name.data()))
         throw Failure(ExitCode::usage, "no directory for a copy at " + name + ": " + std::strerror(errno));
     return name;
@@ -113,8 +116,11 @@ FileCopy::FileCopy(const std::string& path) : m_directory(makeDirectory())
     try {
         copyAll(path);
     } catch (const fs::filesystem_error& error) {
+        std::error_code ignored;
+        const auto room = fs::space(m_directory, ignored).available;
         fs::remove_all(m_directory);
-        refuse(path, error.code().message());
+        refuse(path, error.code().message() + " while it was copied to " + m_directory + " (" + std::to_string(room) +
+                         " bytes free)");
     } catch (...) {
         fs::remove_all(m_directory);
         throw;

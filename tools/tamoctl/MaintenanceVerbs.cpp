@@ -25,7 +25,9 @@ OutcomeText outcomeText(StoreOutcome outcome)
 {
     switch (outcome) {
     case StoreOutcome::notYet:
-        return {"nothing stored: auto-integration is not completed (OAM has no AI_phase 4)", "notYet"};
+        return {
+            "nothing stored: OAM has no AI_phase 4, so auto-integration is not completed, or the service was shut down",
+            "notYet"};
     case StoreOutcome::delayed:
         return {"the store is delayed until the software upgrade is in a safe state", "delayed"};
     case StoreOutcome::stored:
@@ -47,9 +49,10 @@ void addStore(CLI::App& app, Action& chosen)
     verb->callback([arguments, &chosen] {
         chosen = [arguments](Context& context) {
             Database& database = context.database();
+            // Asked first: the store may be the last thing that a service does.
+            const OutcomeText outcome = outcomeText(database.storeOutcome(arguments->ignoreUpgrade));
             requireDone(database.storePersistent(arguments->backup, arguments->ignoreUpgrade),
                         arguments->backup ? "store the copy for a backup" : "store the permanent configuration");
-            const OutcomeText outcome = outcomeText(database.storeOutcome(arguments->ignoreUpgrade));
             context.printDone(outcome.text, std::string(R"("outcome": ")") + outcome.json + '"');
         };
     });
