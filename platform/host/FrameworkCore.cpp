@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -213,7 +214,11 @@ bool FrameworkControl::initialize(const std::vector<std::string>& options)
     if (!readOptions(options, node))
         return false;
     node.directory = Wire::frameworkDirectory();
-    return ProcessNode::start(std::move(node));
+    if (!ProcessNode::start(std::move(node)))
+        return false;
+    constexpr std::chrono::milliseconds patience{500}; // a start may have a fault to report at once
+    ProcessNode::awaitGreetings(patience);
+    return true;
 }
 
 void FrameworkControl::finalize() { ProcessNode::stop(); }

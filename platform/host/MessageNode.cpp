@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <future>
 #include <list>
 #include <mutex>
 #include <sys/socket.h>
@@ -464,6 +465,23 @@ bool MessageNode::start()
     });
     state.thread = std::thread([&state] { state.run(); });
     return true;
+}
+
+void MessageNode::awaitGreetings(std::chrono::milliseconds patience)
+{
+    State& state = *m_state;
+    const auto deadline = Clock::now() + patience;
+    const auto isWaiting = [&state] {
+        std::promise<bool> answer; // from the thread that owns the connectors
+        boost::asio::post(state.io, [&] {
+            answer.set_value(std::ranges::any_of(state.connectors, [](const Connector& connector) {
+                return connector.connection && connector.connection->id() < 0;
+            }));
+        });
+        return answer.get_future().get();
+    };
+    while (isWaiting() && Clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 void MessageNode::setHandler(Handler handler)

@@ -3,6 +3,7 @@
 #include "platform/framework/PeerInfo.h"
 #include "platform/messages/Message.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -33,6 +34,9 @@ public:
     /// Listens and starts the thread. False, with an error line that says why, when the node cannot
     /// listen; a node that cannot be reached is tried again in the background.
     [[nodiscard]] bool start();
+    /// Waits until each node of `connectTo` has answered our first greeting, or cannot be called now: what
+    /// is sent to them before that is lost. At most for `patience`.
+    void awaitGreetings(std::chrono::milliseconds patience);
     /// Messages that arrive before a handler is set wait for it, unread.
     void setHandler(Handler handler);
     /// Sends what is queued for a moment, then closes every connection and ends the thread.

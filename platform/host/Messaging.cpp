@@ -43,6 +43,13 @@ bool ProcessNode::start(MessageNode::Options options)
     return true;
 }
 
+void ProcessNode::awaitGreetings(std::chrono::milliseconds patience)
+{
+    const std::shared_lock lock(process().mutex);
+    if (process().node)
+        process().node->awaitGreetings(patience);
+}
+
 void ProcessNode::stop()
 {
     std::unique_ptr<MessageNode> node;

@@ -66,12 +66,14 @@ PreviousConfiguration::~PreviousConfiguration()
 
 void PreviousConfiguration::drop()
 {
-    if (!m_kept)
-        return;
+    if (m_kept && chmod(m_file.c_str(), m_mode) != 0)
+        LOG_WARNING("Cannot give %s the mode %o: %s", m_file.c_str(), m_mode, std::strerror(errno));
     m_kept = false;
-    if (chmod(m_file.c_str(), m_mode) != 0 || unlink(previousName(m_file).c_str()) != 0)
-        LOG_ERROR("Cannot remove %s: %s", previousName(m_file).c_str(), std::strerror(errno));
-    flushFileSystems(); // were it there again after a power cut, the next start would take it back
+    const std::string previous = previousName(m_file); // also one that could not be put back once
+    if (unlink(previous.c_str()) == 0)
+        flushFileSystems(); // were it there again after a power cut, the next start would take it back
+    else if (errno != ENOENT)
+        LOG_ERROR("Cannot remove %s: %s", previous.c_str(), std::strerror(errno));
 }
 
 void PreviousConfiguration::takeBack(const std::string& file)

@@ -72,6 +72,8 @@ public:
     {
         writeFile(m_directory.path("service"), "#!/bin/sh\n" + text + "\n");
         ::chmod(m_directory.path("service").c_str(), 0755);
+        // Beside the script: the node's own /tmp would hide programs that were built in /tmp.
+        fs::copy_file(program("tamo_db"), m_directory.path("tamo_db"));
         fs::create_directory(path());
     }
     ~ScriptedNode() { run({program("tamo_node"), "down", path()}); }
@@ -95,7 +97,7 @@ private:
     TestDirectory m_directory;
 };
 
-const std::string realService = "exec " + program("tamo_db");
+const std::string realService = "exec \"${0%/*}/tamo_db\"";
 
 } // namespace
 

@@ -401,7 +401,8 @@ bool bind(const std::string& source, const char* target)
 /// numbers that gives the same again: SQLite puts one into each journal, and files are to be compared.
 std::string enterNode(const std::string& node)
 {
-    const std::string result = enterPrivateNamespace(node + "/tmp", {node});
+    const std::string result =
+        enterPrivateNamespace(node + "/tmp", {node, fs::path(program("tamo_db")).parent_path().string()});
     if (result != "private")
         return result;
     const std::string random = node + "/tmp/urandom";
