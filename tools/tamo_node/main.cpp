@@ -26,7 +26,7 @@ public:
     int run() const { return m_chosen(); }
 
 private:
-    CLI::App* verb(const char* name, const char* help, std::string& directory, std::function<int()> action)
+    CLI::App* verb(const char* name, const char* help, std::string& directory, const std::function<int()>& action)
     {
         auto* command = m_app.add_subcommand(name, help);
         command->add_option("DIR", directory, "The node's directory")->required();
