@@ -61,15 +61,26 @@ bool hasMapped(const fs::path& process, const struct stat& file)
     return false;
 }
 
+/// Whether an entry of the directory fulfils the condition. Processes end while we look: `error` is set
+/// when the directory could not be read to its end.
+template <class Condition>
+bool anyEntry(const fs::path& directory, Condition condition, std::error_code& error)
+{
+    fs::directory_iterator entry(directory, error);
+    for (; !error && entry != fs::directory_iterator(); entry.increment(error))
+        if (condition(entry->path()))
+            return true;
+    return false;
+}
+
 bool hasOpen(const fs::path& process, const struct stat& file)
 {
-    std::error_code error;
-    for (const auto& descriptor : fs::directory_iterator(process / "fd", error)) {
+    const auto isIt = [&](const fs::path& descriptor) {
         struct stat open {};
-        if (::stat(descriptor.path().c_str(), &open) == 0 && open.st_dev == file.st_dev && open.st_ino == file.st_ino)
-            return true;
-    }
-    return false;
+        return ::stat(descriptor.c_str(), &open) == 0 && open.st_dev == file.st_dev && open.st_ino == file.st_ino;
+    };
+    std::error_code ended;
+    return anyEntry(process / "fd", isIt, ended);
 }
 
 } // namespace
@@ -162,14 +173,13 @@ bool NamedSemaphore::State::mayBeHeld() const
     if (::stat(semaphorePath.c_str(), &counter) != 0 || (file >= 0 && ::fstat(file, &lock) != 0))
         return true;
     const std::string self = std::to_string(::getpid());
-    std::error_code error;
-    for (const auto& process : fs::directory_iterator("/proc", error)) {
-        const std::string number = process.path().filename();
+    const auto mayHold = [&](const fs::path& process) {
+        const std::string number = process.filename();
         const bool isOther = number.find_first_not_of("0123456789") == std::string::npos && number != self;
-        if (isOther && hasMapped(process, counter) && !(file >= 0 && hasOpen(process, lock)))
-            return true;
-    }
-    return bool(error);
+        return isOther && hasMapped(process, counter) && !(file >= 0 && hasOpen(process, lock));
+    };
+    std::error_code error;
+    return anyEntry("/proc", mayHold, error) || error;
 }
 
 void NamedSemaphore::State::giveBackForTheDead()
