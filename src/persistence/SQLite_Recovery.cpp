@@ -3,6 +3,7 @@
 
 #include "store/SQLite.h"
 
+#include "persistence/ShellCommand.h"
 #include "store/FileLocations.h"
 #include "store/Statement.h"
 
@@ -138,7 +139,7 @@ bool SQLite::prepareSwFallback(int partition)
 {
     constexpr int component = 10;
     const std::string target = getConfigPartitionPath(partition);
-    executeCmd(component, "/usr/bin/prepare_sw_fallback.sh /mnt/activecfg " + target, target, true);
+    executeCmd(component, "/usr/bin/prepare_sw_fallback.sh /mnt/activecfg " + shellWord(target), target, true);
     return true;
 }
 
