@@ -62,9 +62,7 @@ SQLite::StartUpLoad::StartUpLoad(SQLite& store)
 bool SQLite::StartUpLoad::run()
 {
     PreviousConfiguration::takeBack(m_permanentFile);
-    readCommonDatabase();
-    // The common database must not pass for the configuration when that cannot be loaded.
-    if (!m_store.renewRuntime()) {
+    if (!readCommonDatabase()) {
         m_store.setLoadError();
         return false;
     }

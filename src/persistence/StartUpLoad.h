@@ -23,7 +23,7 @@ private:
     static constexpr std::int32_t middlewareOrderedReset = 6;
 
     // The common database (StartUpLoad_CommonDb.cpp)
-    void readCommonDatabase();
+    bool readCommonDatabase();
     bool loadCommonDatabase();
     void putCommonDatabaseAside();
     void takeCommonObject();

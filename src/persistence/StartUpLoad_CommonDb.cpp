@@ -42,9 +42,12 @@ int judge(Connection& connection)
 
 } // namespace
 
-void SQLite::StartUpLoad::readCommonDatabase()
+/// False when the runtime database could not be made anew afterwards: what was read into it must not
+/// pass for the configuration when that cannot be loaded.
+bool SQLite::StartUpLoad::readCommonDatabase()
 {
     const std::string before = m_store.databaseFile();
+    bool renewed = true;
     if (CheckIfFileExists(m_commonFile)) {
         m_store.setDatabaseFile(m_commonFile);
         if (loadCommonDatabase()) {
@@ -52,10 +55,12 @@ void SQLite::StartUpLoad::readCommonDatabase()
             takeCommonObject();
         }
         m_store.setDatabaseFile(before);
+        renewed = m_store.renewRuntime();
     }
     m_store.m_loadError = false; // speaks of the permanent file, which has not been tried yet
     if (!m_reasonFound)
         LOG_INFO("SQLite::%s, Reset reason not available from common DB", operation);
+    return renewed;
 }
 
 bool SQLite::StartUpLoad::loadCommonDatabase()
