@@ -137,8 +137,7 @@ std::optional<std::string> Medium::relativeTo(const std::string& path) const
     return relative;
 }
 
-/// Runs `step` with other threads and processes kept out by a lock of its own open file, and saves the index when it
-/// has changed it.
+/// Runs `step` with other threads and processes kept out by a lock of its own open file, and saves the index.
 bool Medium::change(const std::string& what, bool (Medium::*step)(const std::string&, Index&, std::string&) const) const
 {
     const std::string lockName = m_directory + "/lock";
