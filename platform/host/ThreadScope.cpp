@@ -30,7 +30,8 @@ CrashStack::~CrashStack() { sigaltstack(&m_state->earlier, nullptr); }
 
 ThreadScope::ThreadScope(const std::string& name)
 {
-    pthread_setname_np(pthread_self(), name.substr(0, longestThreadName).c_str());
+    if (!name.empty()) // without one it shows under the process's
+        pthread_setname_np(pthread_self(), name.substr(0, longestThreadName).c_str());
 }
 
 } // namespace TAMO::Framework

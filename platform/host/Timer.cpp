@@ -50,16 +50,18 @@ public:
         return *queue;
     }
 
-    Key add(Clock::time_point when, ReactiveStateMachine& owner)
+    /// Sets `key` before the owner can have heard of the expiry, and cancel on another thread.
+    void add(Clock::time_point when, ReactiveStateMachine& owner, Key& key)
     {
         const std::lock_guard lock(m_mutex);
-        if (!std::exchange(m_running, true))
+        if (!m_running) {
             std::thread([this] { run(); }).detach();
-        const Key key{when, ++m_lastNumber};
+            m_running = true;
+        }
+        key = {when, ++m_lastNumber};
         const auto added = m_armed.emplace(key, &owner).first; // before begin() is asked for
         if (added == m_armed.begin())
             m_changed.notify_one();
-        return key;
     }
 
     void remove(const Key& key)
@@ -112,8 +114,7 @@ bool Timer::requestTimeout(unsigned duration, int timeType)
         return false;
     cancelTimeout();
     const std::chrono::duration<double> wait(std::min(duration * timerFactor(), longestSeconds));
-    m_state->armed =
-        TimerQueue::instance().add(Clock::now() + std::chrono::ceil<Clock::duration>(wait), m_state->owner);
+    TimerQueue::instance().add(Clock::now() + std::chrono::ceil<Clock::duration>(wait), m_state->owner, m_state->armed);
     return true;
 }
 

@@ -2,6 +2,8 @@
 #include "platform/utility/Toolbox.h"
 
 #include <algorithm>
+#include <charconv>
+#include <cmath>
 #include <grp.h>
 #include <map>
 #include <mutex>
@@ -34,7 +36,58 @@ std::optional<gid_t> groupOf(const std::string& name)
     return entry->second;
 }
 
+template <class Number>
+bool convert(const std::string& text, Number& value, bool wholeText)
+{
+    Number read{};
+    const char* const end = text.data() + text.size();
+    const auto [behind, error] = std::from_chars(text.data(), end, read);
+    if (error != std::errc() || (wholeText && behind != end))
+        return false;
+    value = read;
+    return true;
+}
+
 } // namespace
+
+bool Toolbox::convertStringToInt(const std::string& text, std::int32_t& value, bool wholeText)
+{
+    return convert(text, value, wholeText);
+}
+
+bool Toolbox::convertStringToUInt(const std::string& text, std::uint32_t& value, bool wholeText)
+{
+    return convert(text, value, wholeText);
+}
+
+bool Toolbox::convertStringToShort(const std::string& text, std::int16_t& value, bool wholeText)
+{
+    return convert(text, value, wholeText);
+}
+
+bool Toolbox::convertStringToUShort(const std::string& text, std::uint16_t& value, bool wholeText)
+{
+    return convert(text, value, wholeText);
+}
+
+bool Toolbox::convertStringToLongLong(const std::string& text, std::int64_t& value, bool wholeText)
+{
+    return convert(text, value, wholeText);
+}
+
+bool Toolbox::convertStringToULongLong(const std::string& text, std::uint64_t& value, bool wholeText)
+{
+    return convert(text, value, wholeText);
+}
+
+bool Toolbox::convertStringToDouble(const std::string& text, double& value)
+{
+    double read = 0;
+    if (!convert(text, read, true) || !std::isfinite(read))
+        return false;
+    value = read;
+    return true;
+}
 
 bool Toolbox::readStringToList(const std::string& text, char separator, std::vector<std::string>& list, bool skipEmpty)
 {

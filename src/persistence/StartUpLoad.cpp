@@ -118,9 +118,11 @@ bool SQLite::StartUpLoad::withoutBackup()
 
 void SQLite::StartUpLoad::factoryReset()
 {
-    if (!CheckIfFileExists(m_permanentFile))
+    const bool exists = CheckIfFileExists(m_permanentFile);
+    const bool removed = m_store.removeDatabaseFile("pRBSdb"); // and every older one that was put aside
+    if (!exists)
         return;
-    if (removeWithSideFiles(m_permanentFile))
+    if (removed)
         LOG_INFO("SQLite::%s, Factory reset detected, permanent configuration file deleted.", operation);
     else
         LOG_INFO("SQLite::%s, Factory reset detected, permanent configuration file not deleted.", operation);

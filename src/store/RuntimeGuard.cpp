@@ -41,11 +41,9 @@ std::string directoryOf(const std::string& file)
 /// The directories of the files that must outlive this process.
 std::vector<Neighbour> lastingDirectories()
 {
-    std::string permanent;
-    Get_TAMO_DB_path(permanent, permanentDirectory);
     const std::string backup = environmentPath("TAMO_BRM_BACKUP_PATH").value_or("/var/permanent/brm_backup");
     const std::string common = environmentPath("TAMO_PERSISTENT_STORAGE").value_or("/var/permanent/tamodb");
-    std::vector<Neighbour> all{{"the permanent configuration", permanent},
+    std::vector<Neighbour> all{{"the permanent configuration", directoryOf(permanentFile())},
                                {"the backup database", backup + "/database"},
                                {"the common database", common}};
     if (const auto file = commonDbWriteFile())

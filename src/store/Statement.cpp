@@ -130,7 +130,7 @@ void Statement::bind(va_list& arguments, bool firstIsValue)
         if (conversion == 'd')
             sqlite3_bind_int(m_statement, parameter++, va_arg(arguments, int));
         else if (conversion == 'l')
-            sqlite3_bind_int64(m_statement, parameter++, va_arg(arguments, long));
+            sqlite3_bind_int64(m_statement, parameter++, va_arg(arguments, std::int64_t));
         else
             sqlite3_bind_text(m_statement, parameter++, va_arg(arguments, const char*), -1, SQLITE_TRANSIENT);
     }

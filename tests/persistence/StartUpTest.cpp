@@ -5,10 +5,12 @@
 
 #include "persistence/Surroundings.h"
 #include "platform/messages/Notifications.h"
+#include "store/FileLocations.h"
 
 #include <sqlite3.h>
 
 #include <filesystem>
+#include <fstream>
 
 namespace fs = std::filesystem;
 
@@ -226,6 +228,18 @@ protected:
 };
 
 } // namespace
+
+TEST_F(StartUpFiles, FactoryResetLeavesNoOlderConfiguration)
+{
+    std::ofstream(rejectedName(permanent())) << "put aside by an earlier start";
+    std::ofstream(rejectedName(path("runtime/Database"))) << "the same";
+    NodeState node = middleware.state();
+    node.resetReason = 2;
+    middleware.set(node);
+    EXPECT_FALSE(store().loadPermanentConfFile());
+    EXPECT_FALSE(fs::exists(rejectedName(permanent())));
+    EXPECT_FALSE(fs::exists(rejectedName(path("runtime/Database"))));
+}
 
 TEST_F(StartUpFiles, InterruptedStoreGivesWayToTheConfigurationBeforeIt)
 {

@@ -2,6 +2,7 @@
 #include "Scratch.h"
 
 #include "platform/utility/SystemFunctions.h"
+#include "platform/utility/Timing.h"
 #include "platform/utility/Toolbox.h"
 
 #include <gtest/gtest.h>
@@ -9,6 +10,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <grp.h>
+#include <limits>
 #include <set>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -98,6 +100,43 @@ TEST(ReadStringToList, SplitsAtEverySeparator)
     EXPECT_FALSE(Toolbox::readStringToList("", ';', list, true));
 }
 
+TEST(ConvertString, TakesWholeNumbersThatFitAndNothingElse)
+{
+    std::int32_t number = 5;
+    for (const char* text :
+         {"", " ", " 7", "7 ", "7x", "x7", "+7", "--7", "0x7", "7.0", "7e0", "2147483648", "-", "\u0667"})
+        EXPECT_FALSE(Toolbox::convertStringToInt(text, number, true)) << text;
+    EXPECT_FALSE(Toolbox::convertStringToInt(std::string("7\0", 2), number, true));
+    EXPECT_EQ(number, 5) << "as it was";
+    EXPECT_TRUE(Toolbox::convertStringToInt("-2147483648", number, true));
+    EXPECT_EQ(number, std::numeric_limits<std::int32_t>::min());
+    EXPECT_TRUE(Toolbox::convertStringToInt("007 and more", number, false));
+    EXPECT_EQ(number, 7);
+    EXPECT_FALSE(Toolbox::convertStringToInt("99999999999 and more", number, false));
+
+    std::int16_t small = 0;
+    std::uint16_t smallPositive = 0;
+    std::uint32_t positive = 0;
+    std::int64_t large = 0;
+    std::uint64_t largePositive = 0;
+    EXPECT_TRUE(Toolbox::convertStringToShort("-32768", small, true) && small == -32768);
+    EXPECT_FALSE(Toolbox::convertStringToShort("32768", small, true));
+    EXPECT_TRUE(Toolbox::convertStringToUShort("65535", smallPositive, true) && smallPositive == 65535);
+    EXPECT_FALSE(Toolbox::convertStringToUShort("-1", smallPositive, true));
+    EXPECT_TRUE(Toolbox::convertStringToUInt("4294967295", positive, true) && positive == 4294967295U);
+    EXPECT_FALSE(Toolbox::convertStringToUInt("4294967296", positive, true));
+    EXPECT_TRUE(Toolbox::convertStringToLongLong("-9223372036854775808", large, true) && large < -9223372036854775807);
+    EXPECT_FALSE(Toolbox::convertStringToLongLong("9223372036854775808", large, true));
+    EXPECT_TRUE(Toolbox::convertStringToULongLong("18446744073709551615", largePositive, true) && ~largePositive == 0);
+    EXPECT_FALSE(Toolbox::convertStringToULongLong("18446744073709551616", largePositive, true));
+
+    double fraction = 0.5;
+    for (const char* text : {"", " 1", "1 ", "1,5", "1.5x", "+1", "inf", "-inf", "nan", "1e999", "0x1p3", "."})
+        EXPECT_FALSE(Toolbox::convertStringToDouble(text, fraction)) << text;
+    EXPECT_EQ(fraction, 0.5) << "as it was";
+    EXPECT_TRUE(Toolbox::convertStringToDouble("-1.25e-2", fraction) && fraction == -0.0125);
+}
+
 TEST(ChangeFileAccess, SetsModeAndGroupAndTellsWhatIsMissing)
 {
     const Scratch scratch;
@@ -111,4 +150,18 @@ TEST(ChangeFileAccess, SetsModeAndGroupAndTellsWhatIsMissing)
     EXPECT_FALSE(Toolbox::changeFileAccess(scratch.path("dump"), 0640, "tamo_no_such_group"));
     EXPECT_EQ(modeOf(scratch.path("dump")), 0640U) << "the mode is set without the group, too";
     EXPECT_FALSE(Toolbox::changeFileAccess(scratch.path("missing"), 0640, ownGroup()));
+}
+
+TEST(Timing, TellsMillisecondsAcrossTheTurnOfASecond)
+{
+    Start();
+    Stop();
+    EXPECT_GE(gElapsedTime, 0.0);
+    gT1.tv_sec -= 2;
+    gT1.tv_usec = 999999;
+    Stop();
+    const double seconds = static_cast<double>(gT2.tv_sec - gT1.tv_sec);
+    const double microseconds = static_cast<double>(gT2.tv_usec) - 999999.0;
+    EXPECT_DOUBLE_EQ(gElapsedTime, microseconds / 1000.0 + seconds * 1000.0);
+    EXPECT_GT(gElapsedTime, 1000.0);
 }
