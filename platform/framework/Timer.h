@@ -20,6 +20,7 @@ public:
     /// Arms the timer, in place of an earlier request. TAMO_TIMER_FACTOR (a number above 0, such as
     /// 0.001) stretches or shortens every duration. False for an unknown time type.
     bool requestTimeout(unsigned duration, int timeType);
+    /// May be called on another thread than requestTimeout().
     void cancelTimeout();
 
 private:

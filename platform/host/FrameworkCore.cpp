@@ -17,6 +17,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -208,6 +209,23 @@ void FrameworkCore::finalize()
 
 namespace Control {
 
+namespace {
+
+/// Where the node has a reset service, it calls us as soon as it finds us listening, within its pause
+/// between two tries. A start that asks for a fallback before that would ask nobody.
+void awaitResetService(const std::string& directory, std::chrono::milliseconds patience)
+{
+    constexpr const char* name = "reset";
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    const auto isMissing = [&] { return ProcessNode::peerName(nodeIdOf(name)).empty(); };
+    if (::access(Wire::socketPath(directory, name).c_str(), F_OK) != 0)
+        return;
+    while (isMissing() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+} // namespace
+
 bool FrameworkControl::initialize(const std::vector<std::string>& options)
 {
     MessageNode::Options node;
@@ -218,6 +236,7 @@ bool FrameworkControl::initialize(const std::vector<std::string>& options)
         return false;
     constexpr std::chrono::milliseconds patience{500}; // a start may have a fault to report at once
     ProcessNode::awaitGreetings(patience);
+    awaitResetService(Wire::frameworkDirectory(), 2 * patience);
     return true;
 }
 

@@ -209,15 +209,22 @@ Bytes Message::serialize() const
     return {body.data(), body.data() + body.size()};
 }
 
+void Message::decode(const std::uint8_t* bytes, std::size_t length)
+{
+    const msgpack::object_handle whole = unpackWhole(bytes, length);
+    if (whole->type != msgpack::type::ARRAY)
+        throw BadBytes("no list of fields");
+    FieldReader reader(whole->via.array.ptr, whole->via.array.size);
+    describe(reader);
+    if (!reader.atEnd())
+        throw BadBytes("more fields than belong there");
+}
+
 bool Message::deserialize(const RawMessage* raw)
 {
     try {
-        const msgpack::object_handle whole = unpackWhole(raw->body.data(), raw->body.size());
-        if (whole->type != msgpack::type::ARRAY)
-            return false;
-        FieldReader reader(whole->via.array.ptr, whole->via.array.size);
-        describe(reader);
-        return reader.atEnd();
+        decode(raw->body.data(), raw->body.size());
+        return true;
     } catch (const std::exception&) {
         // read what leads the fields below
     }

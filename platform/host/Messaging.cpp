@@ -4,7 +4,9 @@
 #include "platform/framework/Messaging.h"
 
 #include "platform/host/ProcessNode.h"
+#include "platform/host/ReportSubscription.h"
 #include "platform/middleware/Log.h"
+#include "platform/moaccess/MOTransactionNotify.h"
 
 #include <mutex>
 #include <shared_mutex>
@@ -19,6 +21,15 @@ struct Process {
     std::unique_ptr<MessageNode> node;
     MessageNode::Handler handler;
 };
+
+/// A report of the management agent is for those who have subscribed to it; anything else is for everybody.
+bool isWanted(const RawMessage& message)
+{
+    if (message.id != Messages::TAMO_MOAccessReport::id || ReportSubscription::stands())
+        return true;
+    LOG_DEBUG("MOAccess: a report from node %d is dropped, nobody has subscribed", message.sender);
+    return false;
+}
 
 Process& process()
 {
@@ -72,7 +83,8 @@ void Messaging::registerMessageHandler(ReactiveStateMachine& receiver, int event
 {
     const std::unique_lock lock(process().mutex);
     process().handler = [&receiver, eventId](std::shared_ptr<RawMessage> message) {
-        receiver.enqueueEvent(MessageEvent(eventId, std::move(message)));
+        if (isWanted(*message))
+            receiver.enqueueEvent(MessageEvent(eventId, std::move(message)));
     };
     if (process().node)
         process().node->setHandler(process().handler);

@@ -95,6 +95,7 @@ NodeState fromJson(const json& from)
     take(from, "fallback_partition", state.fallbackPartition);
     take(from, "reset_reason", state.resetReason);
     take(from, "operation_mode", state.operationMode);
+    take(from, "mo_access", state.moAccess);
     take(from, "boots_without_good_mark", state.unmarkedBoots);
     state.order = orderFromJson(from);
     take(from, "controlled_resets", state.controlledResets);
@@ -104,10 +105,15 @@ NodeState fromJson(const json& from)
 
 json toJson(const NodeState& state)
 {
-    json to{{"started_partition", state.startedPartition},   {"active_partition", state.activePartition},
-            {"fallback_partition", state.fallbackPartition}, {"reset_reason", state.resetReason},
-            {"operation_mode", state.operationMode},         {"boots_without_good_mark", state.unmarkedBoots},
-            {"controlled_resets", state.controlledResets},   {"ubifs_mounts", state.mounts}};
+    json to{{"started_partition", state.startedPartition},
+            {"active_partition", state.activePartition},
+            {"fallback_partition", state.fallbackPartition},
+            {"reset_reason", state.resetReason},
+            {"operation_mode", state.operationMode},
+            {"mo_access", state.moAccess},
+            {"boots_without_good_mark", state.unmarkedBoots},
+            {"controlled_resets", state.controlledResets},
+            {"ubifs_mounts", state.mounts}};
     if (state.order)
         to["operator_order"] = toJson(*state.order);
     return to;

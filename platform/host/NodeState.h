@@ -27,6 +27,7 @@ struct NodeState {
     int fallbackPartition = 2; ///< "fallback_partition"
     int resetReason = 6;       ///< "reset_reason", in the middleware's numbering; 6: the reset was ordered
     int operationMode = 0;     ///< "operation_mode"
+    int moAccess = 1;          ///< "mo_access": 0: the management agent takes no subscription
     /// "boots_without_good_mark": of the started partition, the boot that is under way included.
     int unmarkedBoots = 0;
     /// "operator_order": absent when there is none.

@@ -44,6 +44,10 @@ public:
 
     Bytes serialize() const;
 
+    /// Fills the fields from a body. Throws a std::exception that says what is wrong when the bytes are not
+    /// exactly this message's fields; fields read before the fault keep what was read.
+    void decode(const std::uint8_t* bytes, std::size_t length);
+
     /// Fills the fields from a received body. False when the body does not hold exactly this
     /// message's fields; fields read before the fault keep what was read.
     [[nodiscard]] bool deserialize(const RawMessage* raw);

@@ -3,9 +3,10 @@
 #include "platform/messages/Message.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
-/// Messages that the database service sends without being asked.
+/// Messages that nobody asked for and nobody answers.
 
 namespace TAMO::Messages {
 
@@ -59,6 +60,17 @@ public:
 
 protected:
     void describe(FieldList& fields) override;
+};
+
+/// From the node's middleware: a status of a piece of hardware, as the middleware lays it out.
+class TAMO_MiddlewareStatus : public Numbered<0x3000, Message> {
+public:
+    TAMO_MiddlewareStatus() = default;
+    explicit TAMO_MiddlewareStatus(Bytes ofPayload) : payload(std::move(ofPayload)) {}
+    Bytes payload; ///< little-endian 32-bit words; see platform/middleware/StatusMessage.h
+
+protected:
+    void describe(FieldList& fields) override { fields(payload); }
 };
 
 /// To fault management (node 3).

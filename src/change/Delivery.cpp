@@ -96,19 +96,30 @@ TAMO_DBNotification itemMessage(std::int32_t ticket, const NotificationItem& ite
             item.wholeDn};
 }
 
-/// Whether an item stands in the attribute list for subscribers with or without alternate storage.
-bool isListed(const NotificationItem& item, bool alternate)
+// What an attribute list is made of: the items that the store captured, or pairs.
+bool isOfAttribute(const NotificationItem& item) { return !item.ofObject(); }
+bool isOfAttribute(const attrNameValuePair&) { return true; }
+const attrNameValuePair& pairOf(const attrNameValuePair& pair) { return pair; }
+attrNameValuePair pairOf(const NotificationItem& item)
 {
-    return !item.ofObject() &&
-           (item.storageKind == storageLive || item.storageKind == (alternate ? storageAlternate : storageLoading));
+    return {item.attribute, item.value, item.valueType, item.operation, item.storageKind, item.hidden};
 }
 
-std::vector<attrNameValuePair> attributeList(std::span<const NotificationItem> items, bool alternate)
+/// Whether an entry stands in the attribute list for subscribers with or without alternate storage.
+template <class Entry>
+bool isListed(const Entry& entry, bool alternate)
+{
+    return isOfAttribute(entry) &&
+           (entry.storageKind == storageLive || entry.storageKind == (alternate ? storageAlternate : storageLoading));
+}
+
+template <class Entry>
+std::vector<attrNameValuePair> attributeList(std::span<const Entry> entries, bool alternate)
 {
     std::vector<attrNameValuePair> list;
-    for (const NotificationItem& item : items)
-        if (isListed(item, alternate))
-            list.push_back({item.attribute, item.value, item.valueType, item.operation, item.storageKind, item.hidden});
+    for (const Entry& entry : entries)
+        if (isListed(entry, alternate))
+            list.push_back(pairOf(entry));
     return list;
 }
 
@@ -203,7 +214,19 @@ void Delivery::itemChanged(const NotificationItem& item)
 
 void Delivery::objectChanged(std::span<const NotificationItem> items, std::int32_t operation)
 {
-    const NotificationItem& object = items.back();
+    deliverObject(items.back(), operation, items);
+}
+
+void Delivery::objectReported(const NotificationItem& object, std::span<const attrNameValuePair> pairs)
+{
+    deliverObject(object, object.operation, pairs);
+}
+
+/// Brings one changed object to those who want whole objects, with the list of the attributes that each
+/// kind of them is to see.
+template <class Entry>
+void Delivery::deliverObject(const NotificationItem& object, std::int32_t operation, std::span<const Entry> entries)
+{
     const std::string_view moClass = classOf(object.dn);
     if (moClass == "EventGroup" || moClass == "EventType")
         return;
@@ -214,13 +237,13 @@ void Delivery::objectChanged(std::span<const NotificationItem> items, std::int32
         const std::int32_t ticket = m_subscriptions.ticketOf(key);
         if (ticket == Subscriptions::noTicket)
             return;
-        if (std::ranges::none_of(items, [&](const auto& item) { return isListed(item, wantsAlternate); })) {
+        if (std::ranges::none_of(entries, [&](const Entry& entry) { return isListed(entry, wantsAlternate); })) {
             for (std::size_t i = 0; i < m_subscriptions.clientsOf(ticket).size(); ++i)
                 LOG_DEBUG("Database: Notification for all: no attributes -> no notification sending");
             return;
         }
         deliver(m_objects, ticket, nullptr,
-                [&] { return objectMessage(ticket, object, operation, attributeList(items, wantsAlternate)); });
+                [&] { return objectMessage(ticket, object, operation, attributeList(entries, wantsAlternate)); });
     };
     for (const char* const key : plain)
         deliverUnder(key, false);

@@ -14,8 +14,9 @@ namespace TAMO::Database {
 class NotificationBuffer;
 }
 namespace TAMO::Messages {
+struct attrNameValuePair;
 struct TAMO_DBTransactionNotifData;
-}
+} // namespace TAMO::Messages
 
 /// Sends committed changes to the clients whose keys match. A send that fails is logged and not
 /// repeated; nobody's slowness holds anybody up.
@@ -29,6 +30,9 @@ public:
 
     void objectChanged(std::span<const NotificationItem> items, std::int32_t operation) override;
     void itemChanged(const NotificationItem& item) override;
+    /// As objectChanged(), for an object that changed elsewhere: `object` tells its DNs and the operation,
+    /// `pairs` what becomes of its attributes; one without a name announces the object alone.
+    void objectReported(const NotificationItem& object, std::span<const TAMO::Messages::attrNameValuePair> pairs);
     /// A client transaction was committed; one that changed nothing is not told. Never throws: the
     /// commit stands.
     void transactionCommitted(const TAMO::Messages::TAMO_DBTransactionNotifData& data);
@@ -53,6 +57,8 @@ private:
     static const Kind objectWords;
     static const Kind transactionWords;
 
+    template <class Entry>
+    void deliverObject(const NotificationItem& object, std::int32_t operation, std::span<const Entry> entries);
     template <class Build>
     void deliver(Kind& kind, std::int32_t ticket, const NotificationItem* item, Build build);
     bool isReady(Kind& kind);

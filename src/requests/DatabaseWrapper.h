@@ -2,14 +2,17 @@
 
 #include "change/Delivery.h"
 #include "change/Subscriptions.h"
+#include "requests/AMW_MessageHandler.h"
 #include "requests/Clients.h"
 #include "requests/DatabaseWrapper_StateMachine.h"
 #include "requests/ObjectTemplate.h"
 
 #include "platform/framework/Timer.h"
 #include "platform/messages/RawMessage.h"
+#include "platform/moaccess/MOAccess.h"
 #include "values/Attribute.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -95,6 +98,15 @@ public:
     void handleCleanDatabase(const RawMessage* raw);
     void handleShutdownDb(const RawMessage* raw);
     void handleLoadAlternateStorage(const RawMessage* raw);
+    void handleEnableAttributeSynchronization(const RawMessage* raw);
+
+    // What others do to the node, and tell us (DatabaseWrapper_MOAccess.cpp, AMW_MessageHandler.cpp)
+    /// A report of changes that the management agent has committed; `length` is that of its body.
+    void handleMOAccessNotify(const RawMessage* raw, std::size_t length);
+    void handleMiddlewareStatus(const RawMessage* raw);
+    /// The value that a report gives as text. A text that does not read as its type is logged and gives
+    /// what the conversion left, which starts at 0.
+    static Value ConvertValueFromString(const std::string& text, std::int32_t type);
 
     // Questions about the service itself (DatabaseWrapper_Diagnostics.cpp)
     void handleListClients(const RawMessage* raw);
@@ -104,6 +116,7 @@ protected:
     void enterListening() override;
     void exitListening() override;
     void processEvent(TAMO::Framework::MessageEvent& event) override;
+    void processEvent_evAMWMessageHandlerEvent(const EventWithParams_evAMWMessageHandlerEvent& event) override;
 
 private:
     bool commitSilently(const std::string& key);
@@ -116,11 +129,14 @@ private:
     bool armTimer();
     void storePeriodically();
     bool putOff(bool backup, bool ignoreUpgradeState);
+    void registerToMOAccess();
     void applyUpgradeState(std::optional<std::int32_t> state, const char* operation);
 
     TAMO::Framework::Timer m_timer;
+    AMW_MessageHandler m_middlewareStatus;
     Subscriptions m_subscriptions;
     Delivery m_delivery;
+    MOAccess m_moAccess;
     // Stores that a client was promised, put off until the software upgrade is in a safe state.
     bool m_storeDumpDelayed = false;
     bool m_storeBackupDelayed = false;

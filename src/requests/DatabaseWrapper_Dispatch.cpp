@@ -9,6 +9,7 @@
 #include "platform/messages/Notifications.h"
 #include "platform/messages/Requests.h"
 #include "platform/middleware/Log.h"
+#include "platform/moaccess/MOTransactionNotify.h"
 #include "store/SQLite.h"
 
 #include <algorithm>
@@ -60,10 +61,14 @@ constexpr Route routes[] = {
     {TAMO_getWholeDn::id, to<&DatabaseWrapper::handleGetWholeDn>},
     {TAMO_deleteAttribute::id, to<&DatabaseWrapper::handleDeleteAttribute>},
     {TAMO_DBLoadAlternateStorage::id, to<&DatabaseWrapper::handleLoadAlternateStorage>},
+    {TAMO_MOAccessReport::id,
+     [](DatabaseWrapper& service, const RawMessage* raw) { service.handleMOAccessNotify(raw, raw->body.size()); }},
     {TAMO_DBFetchAttr::id, to<&DatabaseWrapper::handleFetchAttr>},
+    {TAMO_EnableAttrSync::id, to<&DatabaseWrapper::handleEnableAttributeSynchronization>},
     {TAMO_DBUnRegToAllNotifs::id, to<&DatabaseWrapper::handleUnRegisterAll>},
     {TAMO_DBStoreBrMBackup::id, to<&DatabaseWrapper::handleStoreBrMBackup>},
     {TAMO_DBIntegrityCheck::id, to<&DatabaseWrapper::handleDBIntegrityCheck>},
+    {TAMO_MiddlewareStatus::id, to<&DatabaseWrapper::handleMiddlewareStatus>},
 };
 static_assert(std::ranges::adjacent_find(routes, std::greater_equal{}, &Route::id) == std::end(routes),
               "one row per message id, ascending");
@@ -79,6 +84,7 @@ const Route* routeOf(std::uint32_t id)
 DatabaseWrapper::DatabaseWrapper(const std::string& threadName)
     : DatabaseWrapper_StateMachine(threadName),
       m_timer(*this),
+      m_middlewareStatus(*this),
       m_delivery(m_subscriptions, [this](std::int32_t ticket, const NotificationItem& item) {
           handleNotif(ticket, item.realDn(), item.value, item.operation);
       })
@@ -92,10 +98,26 @@ void DatabaseWrapper::enterListening()
 {
     m_delivery.addBuffer(vex, SubscriptionKey::modelObjectsWithAlternate);
     Messaging::registerMessageHandler(*this, messageReceived);
+    registerToMOAccess();
     armTimer();
 }
 
-void DatabaseWrapper::exitListening() { m_delivery.dropBuffers(); }
+void DatabaseWrapper::registerToMOAccess()
+{
+    try {
+        m_moAccess.RegisterToNotification("*", "/toDB");
+    } catch (const std::exception& error) {
+        LOG_ERROR("Registering to MOAccess notifications failed.");
+        LOG_ERROR("MOAccess error: [%s]", error.what());
+    }
+}
+
+void DatabaseWrapper::exitListening()
+{
+    m_moAccess.UnRegisterNotifications();
+    m_delivery.dropBuffers();
+    m_middlewareStatus.stop(); // the process is about to end, and its threads with it
+}
 
 void DatabaseWrapper::processEvent(MessageEvent& event)
 {
@@ -115,6 +137,22 @@ void DatabaseWrapper::processEvent(MessageEvent& event)
         SQLite::getInstance().rollbackLeftOver();
     }
     event.cleanup();
+}
+
+void DatabaseWrapper::processEvent_evAMWMessageHandlerEvent(const EventWithParams_evAMWMessageHandlerEvent& event)
+{
+    LOG_DEBUG("DatabaseWrapper::processEvent_evAMWMessageHandlerEvent(%d)", event.parameter);
+    m_middlewareStatus.holdExpired(event.parameter);
+}
+
+void DatabaseWrapper::handleMiddlewareStatus(const RawMessage* raw)
+{
+    TAMO_MiddlewareStatus status;
+    if (status.deserialize(raw))
+        m_middlewareStatus.handleMessage(status.payload);
+    else
+        LOG_WARNING("Message 0x%04x from node %d cannot be read: %zu bytes that are not its fields", raw->id,
+                    Messaging::getMsgSender(raw), raw->body.size());
 }
 
 std::string DatabaseWrapper::getClientName(std::int32_t node) { return clientName(node); }

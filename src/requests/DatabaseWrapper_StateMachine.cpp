@@ -15,6 +15,10 @@ bool DatabaseWrapper_StateMachine::dispatch(Event& event)
             processEvent(static_cast<MessageEvent&>(event));
             return true;
         }
+        if (event.id() == EventWithParams_evAMWMessageHandlerEvent::eventId) {
+            processEvent_evAMWMessageHandlerEvent(static_cast<EventWithParams_evAMWMessageHandlerEvent&>(event));
+            return true;
+        }
         if (event.id() == terminateRequested) {
             exitState();
             enterState(stFinal);

@@ -4,23 +4,14 @@
 #include "requests/ObjectTemplate.h"
 
 #include "platform/middleware/Log.h"
+#include "platform/utility/XmlFile.h"
 
-#include <Poco/AutoPtr.h>
-#include <Poco/DOM/DOMParser.h>
 #include <Poco/DOM/Document.h>
 #include <Poco/DOM/Element.h>
 #include <Poco/DOM/NodeFilter.h>
 #include <Poco/DOM/NodeIterator.h>
-#include <Poco/SAX/DefaultHandler.h>
-#include <Poco/SAX/SAXException.h>
-#include <Poco/SAX/SAXParser.h>
-#include <Poco/SAX/XMLReader.h>
 
-#include <fcntl.h>
 #include <iostream>
-#include <optional>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -122,67 +113,9 @@ private:
     bool m_hasMembers = false;
 };
 
-/// A regular file's content; none when there is no such file, or it is too large. Opened without
-/// waiting: a named pipe must not hold the request thread up.
-std::optional<std::string> contentOf(const std::string& path)
+void readObject(Document& document, const std::string& dn, ObjectTemplate& target)
 {
-    const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    struct stat status {};
-    std::optional<std::string> content;
-    if (file >= 0 && fstat(file, &status) == 0 && S_ISREG(status.st_mode) &&
-        status.st_size <= static_cast<off_t>(ObjectTemplate::maxFileSize)) {
-        std::string text(static_cast<std::size_t>(status.st_size), '\0');
-        const ssize_t length = read(file, text.data(), text.size());
-        if (length >= 0) {
-            text.resize(static_cast<std::size_t>(length));
-            content = std::move(text);
-        }
-    }
-    if (file >= 0)
-        close(file);
-    return content;
-}
-
-/// Refuses elements that are nested too deep, and entities that swell to more text than a file may
-/// hold, before a document of them is built.
-class ShapeCheck : public DefaultHandler {
-public:
-    void characters(const XMLChar*, int, int length) override
-    {
-        m_text += static_cast<std::size_t>(length);
-        if (m_text > ObjectTemplate::maxFileSize)
-            throw SAXException("more text than a template file may hold");
-    }
-    void startElement(const XMLString&, const XMLString&, const XMLString&, const Attributes&) override
-    {
-        if (++m_depth > ObjectTemplate::maxDepth)
-            throw SAXException("elements nested deeper than " + std::to_string(ObjectTemplate::maxDepth));
-    }
-    void endElement(const XMLString&, const XMLString&, const XMLString&) override { --m_depth; }
-
-private:
-    std::size_t m_depth = 0;
-    std::size_t m_text = 0;
-};
-
-void checkShape(const std::string& content)
-{
-    ShapeCheck check;
-    SAXParser parser;
-    parser.setFeature(XMLReader::FEATURE_EXTERNAL_GENERAL_ENTITIES, false);
-    parser.setFeature(XMLReader::FEATURE_EXTERNAL_PARAMETER_ENTITIES, false);
-    parser.setContentHandler(&check);
-    parser.parseMemoryNP(content.data(), content.size());
-}
-
-void parse(const std::string& content, const std::string& dn, ObjectTemplate& target)
-{
-    checkShape(content);
-    DOMParser parser;
-    parser.setFeature(XMLReader::FEATURE_EXTERNAL_GENERAL_ENTITIES, false);
-    parser.setFeature(XMLReader::FEATURE_EXTERNAL_PARAMETER_ENTITIES, false);
-    Poco::AutoPtr<Document> document = parser.parseMemory(content.data(), content.size());
-    const Element* const object = findObject(*document, dn);
+    const Element* const object = findObject(document, dn);
     if (!object)
         return;
     const Element* part = nextElement(*firstChild(*object));
@@ -203,18 +136,16 @@ void ObjectTemplate::clear()
 bool ObjectTemplate::read(const std::string& path, const std::string& dn)
 {
     clear();
-    const auto content = contentOf(path);
-    if (!content) {
+    const XmlFile file(path);
+    if (!file.isOpen()) {
         LOG_ERROR("Problems with opening %s ", path.c_str());
         return false;
     }
     try {
-        parse(*content, dn, *this);
+        readObject(*file.parse(maxFileSize), dn, *this);
         return true;
-    } catch (const Poco::Exception& error) {
-        std::cerr << error.displayText() << std::endl;
     } catch (const std::exception& error) {
-        std::cerr << error.what() << std::endl;
+        std::cerr << textOf(error) << std::endl;
     }
     LOG_ERROR("Problems with POCO::XML parsing ");
     clear();

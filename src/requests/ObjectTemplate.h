@@ -19,10 +19,8 @@ public:
         std::string attribute; ///< the struct-valued attribute it belongs to
     };
 
-    /// Files above this size, in bytes, are not read.
+    /// Files above this size, in bytes, are refused.
     static constexpr std::size_t maxFileSize = 4 * 1024 * 1024;
-    /// Elements nested deeper are refused.
-    static constexpr std::size_t maxDepth = 256;
 
     /// Reads the part of an XML file that describes `dn`, having forgotten what was read before. A
     /// file without it gives no attributes. False, with an error line, when the file cannot be read

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/utility/DBObject.h"
+#include "store/AttributeSyncPairs.h"
 #include "store/Connection.h"
 #include "store/FlagScope.h"
 #include "store/NotificationList.h"
@@ -312,10 +313,20 @@ public:
 
     // --- Attribute synchronisation (persistence/SQLite_AttributeSync.cpp) -----------------------
 
-    /// False when the mapping of deprecated attributes cannot be parsed.
+    /// Appends the pairs of the mapping file to the list. False, logged, when the file cannot be read; pairs
+    /// in front of a fault in it are kept.
     bool parseDeprecatedAttributeMappingXML();
-    /// Brings deprecated attributes and their successors into step.
+    /// Copies a value across every pair, from the second side where it has one. Always true.
     bool syncAttributes();
+    /// Whether the attribute belongs to a pair; fills in the other side of the first one.
+    bool checkIsAttrSyncNeeded(const std::string& dn, const std::string& name, std::string& otherDn,
+                               std::string& otherName);
+    /// Mirrors a committed change of an attribute (whole DN; operation is a ChangeOperation) onto the other
+    /// side of its pair, if it has one, in a transaction of its own. A failed write is logged by the
+    /// operation that failed; false only for an operation that is none.
+    bool SyncAttribute(const std::string& dn, const std::string& name, const Value& value, std::int32_t operation);
+    /// Gives a live attribute the value, making it, and its object, where they are missing.
+    void updateAttribute(const std::string& dn, const std::string& name, const Value& value);
 
 private:
     friend class ConnectionSwap;
@@ -399,7 +410,9 @@ private:
     bool onOwnRuntime() const { return m_runtime == m_ownRuntime.get(); }
     NotificationList& activeList();
     void forgetChanges();
-    void walk(const std::vector<NotificationItem>& items);
+    enum class Origin { client, synchronisation };
+    void walk(const std::vector<NotificationItem>& items, Origin origin);
+    void synchronise(const NotificationItem& item);
     void announceObject(std::span<const NotificationItem> group, std::int32_t operation);
     void followFeatureState(const NotificationItem& item);
 
@@ -414,7 +427,8 @@ private:
     NotificationList m_changes;
     NotificationList m_synchronised;       // filled instead while m_synchronising
     std::size_t m_synchronisedAtBegin = 0; // its length when the open transaction began
-    bool m_ownerKnown = true;              // the object whose attribute rows come next could be read
+    AttributeSyncPairs m_syncPairs{[this](const std::string& pattern) { return getMoClassInstance(pattern); }};
+    bool m_ownerKnown = true; // the object whose attribute rows come next could be read
     bool m_notificationsDisabled = false;
     bool m_synchronising = false;
     bool m_loadingAlternateStorage = false;

@@ -39,14 +39,16 @@ void SQLite::sql_sendNotifications()
     m_ownerKnown = true;
     try {
         // Each list is taken before its first item is told: whoever is told may write.
-        walk(m_changes.takeCompacted());
-        walk(m_synchronised.takeCompacted());
+        m_syncPairs.lookAgain();
+        walk(m_changes.takeCompacted(), Origin::client);
+        walk(m_synchronised.takeCompacted(), Origin::synchronisation);
     } catch (const std::exception& error) {
         LOG_ERROR("SQLite::%s(), changes were not delivered: %s", __func__, error.what());
     }
+    m_syncPairs.lookAgain(); // what was mirrored may have made objects
 }
 
-void SQLite::walk(const std::vector<NotificationItem>& items)
+void SQLite::walk(const std::vector<NotificationItem>& items, Origin origin)
 {
     const std::span all(items);
     std::size_t begin = 0;      // of the object's group
@@ -63,6 +65,8 @@ void SQLite::walk(const std::vector<NotificationItem>& items)
             operation = item.operation;
         if (m_sink)
             guarded(item, [&] { m_sink->itemChanged(item); });
+        if (origin == Origin::client && m_attributeSynchronisationEnabled && !item.ofObject())
+            guarded(item, [&] { synchronise(item); });
         followFeatureState(item);
     }
     if (!items.empty())
@@ -74,6 +78,13 @@ void SQLite::announceObject(std::span<const NotificationItem> group, std::int32_
     const bool hasAttributes = group.size() > 1 || !group.front().ofObject();
     if (m_sink && operation != 0 && hasAttributes)
         guarded(group.back(), [&] { m_sink->objectChanged(group, operation); });
+}
+
+/// What this changes is told after the list being walked, and not mirrored again.
+void SQLite::synchronise(const NotificationItem& item)
+{
+    if (!SyncAttribute(item.realDn(), item.attribute, item.value, item.operation))
+        LOG_ERROR("SQLite::sql_sendNotifications(), Failed to syncronize deprecated attribute!");
 }
 
 /// The attribute that switches the dump file on and off.
