@@ -186,6 +186,7 @@ public:
             return;
         setenv("TAMO_DB_RUNTIME_PATH", directory.below(ownRuntime).c_str(), 1);
         setenv("TAMO_DB_DUMP_FILE_PATH", directory.below(ownDump).c_str(), 1);
+        setenv("DEPRECATED_MOM_ATTRIBUTE_MAPPING_FILE_PATH", TAMO_CONF, 1); // else a start orders a fallback
         execl(TAMO_DB, TAMO_DB, nullptr);
         _exit(127);
     }

@@ -7,6 +7,8 @@
 #include "platform/host/ProcessNode.h"
 #include "platform/host/Termination.h"
 #include "platform/messages/Answers.h"
+#include "platform/moaccess/MOAccess.h"
+#include "platform/moaccess/MOTransactionNotify.h"
 #include "platform/utility/SystemFunctions.h"
 #include "tests/platform/PlatformTest.h"
 
@@ -135,6 +137,40 @@ TEST_F(FrameworkTest, MessagesOfADepartedClientAreNotHandled)
     ASSERT_TRUE(answer && presence.deserialize(&*answer));
     EXPECT_EQ(presence.transId, 7);
     EXPECT_EQ(machine.events, 2); // the long one and the last one
+    ProcessNode::stop();
+}
+
+TEST_F(FrameworkTest, ReportsReachOnlyWhoHasSubscribedToThem)
+{
+    ASSERT_TRUE(ProcessNode::start({.directory = directory, .name = "db", .id = 0}));
+    Machine machine;
+    machine.initialise();
+    Messaging::registerMessageHandler(machine, messageReceived);
+    machine.start();
+    RawPeer agent(path("db"));
+    ASSERT_TRUE(agent.join(100));
+    const auto eventsOfAReport = [&] {
+        const int before = machine.events;
+        agent.send({.id = 0x2000, .sender = 100, .receiver = 0}, Messages::TAMO_MOAccessReport().serialize());
+        agent.send({.id = 0x1009, .sender = 100, .receiver = 0}, numbered(1).serialize());
+        Messages::TAMO_DBPresenceRsp answer;
+        while (answer.transId != 1) {
+            const auto raw = agent.receive();
+            if (!raw || !answer.deserialize(&*raw))
+                return -1;
+        }
+        return machine.events - before - 1;
+    };
+    EXPECT_EQ(eventsOfAReport(), 0);
+    MOAccess access;
+    access.RegisterToNotification("ManagedElement=1", "/toDB");
+    access.RegisterToNotification("*", "/toSomebody");
+    EXPECT_EQ(eventsOfAReport(), 0);
+    access.RegisterToNotification("*", "/toDB");
+    MOAccess().UnRegisterNotifications(); // somebody else's subscription ends
+    EXPECT_EQ(eventsOfAReport(), 1);
+    access.UnRegisterNotifications();
+    EXPECT_EQ(eventsOfAReport(), 0);
     ProcessNode::stop();
 }
 

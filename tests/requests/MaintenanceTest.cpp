@@ -189,6 +189,32 @@ TEST_F(Maintenance, IntegrityIsCheckedAndNotAnswered)
     EXPECT_TRUE(client.gotNothing());
 }
 
+TEST_F(Maintenance, SynchronisationIsEnabledOnceOrOrdersAFallback)
+{
+    const ScopedVariable mapping("DEPRECATED_MOM_ATTRIBUTE_MAPPING_FILE_PATH", path("mapping"));
+    Service resets(path("runtime"), "reset", 9);
+    const auto enable = [&] { return ask<TAMO_EnableAttrSyncRsp>(TAMO_EnableAttrSync()).success; };
+    EXPECT_FALSE(enable());
+    EXPECT_FALSE(store().attributeSynchronisationEnabled());
+    const auto ordered = resets.next<TAMO_ResetRBS>();
+    ASSERT_TRUE(ordered) << log.all();
+    EXPECT_EQ(ordered->reason, 2);
+    EXPECT_EQ(log.count(mwLogError, "DatabaseWrapper::handleEnableAttributeSynchronization Requesting SW fallback"), 1);
+
+    fs::create_directory(path("mapping"));
+    std::ofstream(path("mapping/deprecated_attribute_mapping.xml"))
+        << "<AttrSyncPairs><syncPair><attrSyncPair><attr1><fdn>A=1</fdn><attrName>old</attrName></attr1>"
+           "<attr2><fdn>A=1</fdn><attrName>new</attrName></attr2></attrSyncPair></syncPair></AttrSyncPairs>";
+    ASSERT_TRUE(insertByRequest(container("A=1", {text("old", "1")})));
+    EXPECT_TRUE(enable());
+    EXPECT_EQ(value("A=1", "new"), "1");
+    ASSERT_TRUE(insertByRequest(container("A=1", {text("new", "2")})));
+    EXPECT_EQ(value("A=1", "old"), "2");
+    fs::remove_all(path("mapping"));
+    EXPECT_TRUE(enable()) << "the file is not read again";
+    EXPECT_TRUE(resets.gotNothing());
+}
+
 TEST_F(Maintenance, UnreadableRequestsDoNothing)
 {
     ASSERT_TRUE(insert("A=1"));
@@ -198,6 +224,8 @@ TEST_F(Maintenance, UnreadableRequestsDoNothing)
     refusesWhatItCannotRead<TAMO_DBCleanDatabase, TAMO_DBCleanDatabaseRsp>(&DatabaseWrapper::handleCleanDatabase);
     refusesWhatItCannotRead<TAMO_DBShutdownDb, TAMO_DBShutdownDbRsp>(&DatabaseWrapper::handleShutdownDb);
     refusesWhatItCannotRead<TAMO_DBStoreBrMBackup, TAMO_DBStoreBrMBackupRsp>(&DatabaseWrapper::handleStoreBrMBackup);
+    refusesWhatItCannotRead<TAMO_EnableAttrSync, TAMO_EnableAttrSyncRsp>(
+        &DatabaseWrapper::handleEnableAttributeSynchronization);
     refusesWhatItCannotRead<TAMO_DBIntegrityCheck, void>(&DatabaseWrapper::handleDBIntegrityCheck);
     EXPECT_EQ(log.count(mwLogError, "NULL message"), 4) << log.all();
     EXPECT_EQ(log.count(mwLogInfo, "Starting to shut down functions!"), 3) << "first in every case";

@@ -11,6 +11,20 @@
 #include <optional>
 #include <string>
 
+/// The request service, which takes what waits in its queue when a test says so.
+class QueuedService : public DatabaseWrapper {
+public:
+    using DatabaseWrapper::DatabaseWrapper;
+    /// Ends in order: the status handler's thread may be about to call into us.
+    ~QueuedService() override
+    {
+        TAMO::Framework::Event end(TAMO::Framework::terminateRequested);
+        dispatch(end);
+    }
+    /// The next event; waits for it.
+    std::unique_ptr<TAMO::Framework::Event> nextEvent() { return m_queue.pop(); }
+};
+
 /// The request service over a fresh store, on the test's own thread, with two clients that get its
 /// answers over real sockets.
 class RequestTest : public TempStore {
@@ -66,7 +80,7 @@ protected:
         return ask<TAMO_DBInsertRsp>(carrying<TAMO_DBInsert>(object, operationInsert)).success;
     }
 
-    DatabaseWrapper service{"Requests"};
+    QueuedService service{"Requests"};
     DatabaseNode node{path("runtime")};
     Service client{path("runtime"), "client", 100};
     Service autointegration{path("runtime"), "ai", 8};

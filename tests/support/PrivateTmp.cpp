@@ -74,12 +74,14 @@ bool coverDirectories()
 
 class PrivateTmp : public testing::Environment {
 public:
-    void SetUp() override { isPrivate = enterNamespace() && coverDirectories(); }
+    void SetUp() override { enterPrivateTmp(); }
 };
 
 } // namespace
 
 bool givePrivateTmp() { return testing::AddGlobalTestEnvironment(new PrivateTmp) != nullptr; }
+
+bool enterPrivateTmp() { return isPrivate = enterNamespace() && coverDirectories(); }
 
 bool hasPrivateTmp() { return isPrivate; }
 

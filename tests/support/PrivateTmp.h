@@ -8,6 +8,10 @@
 /// in memory) before its first test. Always true.
 bool givePrivateTmp();
 
+/// The same at once, for a program without GoogleTest's main; to be called before it has threads. False when the
+/// machine does not permit it.
+bool enterPrivateTmp();
+
 /// Whether the machine permitted it; then tests may mount what they need.
 bool hasPrivateTmp();
 

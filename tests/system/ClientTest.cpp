@@ -105,3 +105,23 @@ TEST(Client, DnOfAThousandPairsWorks)
     EXPECT_EQ(node.client({"delete", "ManagedElement=1"}).code, 0);
     EXPECT_EQ(node.client({"exists", "ManagedElement=1"}).code, 3);
 }
+
+TEST(Client, MappingShowsBaseBandIdentifiersInHexadecimal)
+{
+    const Node node({"--conf", TAMO_CONF});
+    EXPECT_EQ(node.client({"mapping", "ManagedElement=1,FAPService=2"}).output, "0x2001\n");
+    EXPECT_EQ(node.client({"--json", "mapping", "DeviceType"}).output, "{\"identifier\": \"0x4002\"}\n");
+    const auto unknown = node.client({"mapping", "ManagedElement=1"});
+    EXPECT_EQ(unknown.code, 3);
+    EXPECT_NE(unknown.error.find("base-band identifier of ManagedElement=1: not found"), std::string::npos);
+    EXPECT_EQ(node.client({"mapping", ""}).code, 2);
+    EXPECT_EQ(node.client({"set", "BOMOMapping", "DeviceType:string=none", "Alias=-1"}).code, 0);
+    EXPECT_EQ(node.client({"mapping", "DeviceType"}).code, 1) << "no number";
+    EXPECT_EQ(node.client({"mapping", "Alias"}).output, "0xffffffff\n");
+    EXPECT_EQ(node.client({"delete", "BOMOMapping"}).code, 0);
+    const auto none = node.client({"mapping", "Alias"});
+    EXPECT_EQ(none.code, 3);
+    EXPECT_NE(none.error.find("BOMOMapping: not found"), std::string::npos) << none.error;
+    EXPECT_EQ(node.verb("reset").code, 0);
+    EXPECT_EQ(node.client({"mapping", "Alias"}).output, "0x4001\n") << "read anew at every start";
+}

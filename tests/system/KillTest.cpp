@@ -133,6 +133,7 @@ KilledNode::KilledNode()
         fs::create_directories(path(name));
     for (const char* directory : {"flash", "tmp", "dump", "common"})
         writeFile(path(directory) + std::string("/foreign"), "not ours");
+    fs::copy(TAMO_CONF, path("conf")); // without its mapping files each start would fall back
     orderReset();
 }
 

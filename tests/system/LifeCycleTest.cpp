@@ -155,6 +155,27 @@ TEST_F(LifeCycle, StoresWaitForASafeStateOfTheUpgrade)
     EXPECT_TRUE(logHolds("UpgradePackage=1:state value changed into 1, storePersistentDump is allowed"));
 }
 
+TEST_F(LifeCycle, WifiStatusShowsInTheTreeAndTheNodeEndsInAHold)
+{
+    std::string wifiModule = "ManagedElement=1";
+    for (const char* pair : {"Equipment=1", "RbsUnit=1", "WifiModule=1"})
+        ASSERT_EQ(client({"insert", wifiModule += std::string(",") + pair}), "");
+    nodeDoes({"wifi", "1"});
+    EXPECT_EQ(value(wifiModule, "operationalState"), "1");
+    nodeDoes({"wifi", "2", "1", "3"});
+    EXPECT_TRUE(eventually([&] { return value(wifiModule, "operationalState") == "3"; }));
+    nodeDoes({"wifi", "4", "--magic", "0xDEADBEEF"});
+    EXPECT_TRUE(logHolds("AMW_MessageHandler::handleMessage: magic field validation failed [magic = deadbeef]"));
+    nodeDoes({"wifi", "4", "--truncate", "33"});
+    EXPECT_TRUE(logHolds("message of 33 bytes ignored, at least 36 are needed"));
+    nodeDoes({"wifi", "5", "6"});
+    nodeDoes({"down"});
+    EXPECT_EQ(node.status("exit_code"), "0");
+    const Result unheard = node.verb("wifi", {"7"});
+    EXPECT_EQ(unheard.code, 1);
+    EXPECT_NE(unheard.error.find("no service"), std::string::npos) << unheard.error;
+}
+
 TEST_F(LifeCycle, CleanAndShutdownLeaveNothingToLoad)
 {
     ASSERT_EQ(client({"store"}), "");

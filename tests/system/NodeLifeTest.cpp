@@ -83,8 +83,8 @@ public:
     }
     Command upCommand() const
     {
-        return {program("tamo_node"), "up", path(),      "--tamo-db", m_directory.path("service"),
-                "--stop-timeout",     "1",  "--timeout", "30"};
+        return {program("tamo_node"), "up", path(),   "--tamo-db", m_directory.path("service"), "--stop-timeout", "1",
+                "--timeout",          "30", "--conf", TAMO_CONF};
     }
     /// An empty object while there is none.
     json status() const

@@ -24,11 +24,15 @@ protected:
     }
     Environment environment() const
     {
-        return {
-            {"TAMO_DB_RUNTIME_PATH", directory.path("runtime")}, {"TAMO_DB_FILE_PATH", directory.path("flash")},
-            {"TAMO_DB_DUMP_FILE_PATH", directory.path("dump")},  {"TAMO_PERSISTENT_STORAGE", directory.path("common")},
-            {"TAMO_BRM_BACKUP_PATH", directory.path("backup")},  {"AI_CONFIG_FILE_PATH", directory.path("conf")},
-            {"TAMO_FRAMEWORK_DIR", directory.path("run")},       {"TAMO_NODE_STATE", directory.path("state.json")}};
+        return {{"TAMO_DB_RUNTIME_PATH", directory.path("runtime")},
+                {"TAMO_DB_FILE_PATH", directory.path("flash")},
+                {"TAMO_DB_DUMP_FILE_PATH", directory.path("dump")},
+                {"TAMO_PERSISTENT_STORAGE", directory.path("common")},
+                {"TAMO_BRM_BACKUP_PATH", directory.path("backup")},
+                {"AI_CONFIG_FILE_PATH", directory.path("conf")},
+                {"TAMO_FRAMEWORK_DIR", directory.path("run")},
+                {"TAMO_NODE_STATE", directory.path("state.json")},
+                {"DEPRECATED_MOM_ATTRIBUTE_MAPPING_FILE_PATH", TAMO_CONF}};
     }
     Environment with(const std::string& name, const std::string& value) const
     {

@@ -99,3 +99,68 @@ TEST(Watching, WatcherThatDiesOrStopsReadingHoldsNobodyUp)
         for (const json& client : subscription.at("clients"))
             EXPECT_LE(client.at("node"), 100) << "only the killed one's are left: " << left.dump();
 }
+
+TEST(Watching, ReportOfTheAgentIsToldLikeACommit)
+{
+    const Node node;
+    ASSERT_EQ(node.client({"insert", root, "reservedBy="}).code, 0);
+    Watch watch(node);
+    const json good = {{"objects",
+                        {{{"dn", std::string(root) + ",Cell=1"},
+                          {"operation", "U"},
+                          {"attributes",
+                           {{{"name", "power"}, {"type", 3}, {"value", "-5"}, {"hidden", true}},
+                            {{"name", "ref"}, {"type", "reference"}, {"value", root}},
+                            {{"name", "label"}, {"value", "größer"}}}}},
+                         {{"dn", std::string(root) + ",Cell=2"}, {"operation", "D"}}}}};
+    writeFile(node.path("report.json"), good.dump(1));
+    const auto sent = node.verb("report", {node.path("report.json")});
+    ASSERT_EQ(sent.code, 0) << sent.error;
+    EXPECT_EQ(node.client({"get", root, "reservedBy"}).output, std::string(root) + ",Cell=1\n")
+        << "handled when the verb returns";
+    ASSERT_TRUE(watch.isTold(4));
+    const auto told = watch.told();
+    ASSERT_EQ(told.size(), 4U);
+    EXPECT_EQ(told[0]["list"][0]["name"], "reservedBy");
+    EXPECT_EQ(told[1]["wholeDn"], std::string(root) + ",Cell=1");
+    EXPECT_EQ(told[1]["list"][0]["value"], -5);
+    EXPECT_EQ(told[1]["list"][2]["value"], "größer");
+    EXPECT_EQ(told[2]["objectOperation"], 9);
+    EXPECT_EQ(told[3]["transaction"].size(), 2U);
+
+    json wrongLetter = good;
+    wrongLetter["objects"][1]["operation"] = "DD";
+    json wrongType = good;
+    wrongType["objects"][0]["attributes"][1]["type"] = "INT33";
+    const std::pair<std::string, const char*> wrong[] = {
+        {wrongLetter.dump(), "objects[1]: \"operation\" is not one letter"},
+        {wrongType.dump(), "objects[0].attributes[1]: \"type\" is no value-type code"},
+        {"{\"objects\":\n [}", "at line 2, column 3"},
+        {R"({"objects": [], "objects": []})", "standard input: the key \"objects\" occurs twice"},
+        {R"({"objects": [{}, {"attributes": [{}, {"name": "a", "name": "b"}]}]})",
+         "standard input: objects[1].attributes[1]: the key \"name\" occurs twice"},
+        {R"({"objects": [{"dn": "A=1", "operation": "U", "atributes": []}]})", "objects[0]: unknown key"},
+        {std::string(1000000, '['), "nested too deeply"},
+        {R"({"objects": [{"dn": ")" + std::string(1100000, 'x') + R"(", "operation": "U"}]})", "more than a frame"},
+        {"", "standard input: "},
+    };
+    for (const auto& [text, expected] : wrong) {
+        const auto refused = run({program("tamo_node"), "report", node.path(), "-"}, {}, text);
+        EXPECT_EQ(refused.code, 2) << text.substr(0, 100);
+        EXPECT_NE(refused.error.find(expected), std::string::npos) << refused.error;
+    }
+
+    EXPECT_EQ(node.verb("set", {"mo_access=2"}).code, 2);
+    ASSERT_EQ(node.verb("set", {"mo_access=0"}).code, 0);
+    EXPECT_EQ(node.status("mo_access"), "0");
+    ASSERT_EQ(node.verb("reset").code, 0);
+    EXPECT_NE(readFile(node.path("log")).find("MOAccess error: [the management agent refuses subscriptions]"),
+              std::string::npos);
+    Watch deaf(node);
+    EXPECT_EQ(node.verb("report", {node.path("report.json")}).code, 0);
+    ASSERT_EQ(node.client({"insert", "Later=1", "a=x"}).code, 0);
+    ASSERT_TRUE(deaf.isTold(1));
+    EXPECT_EQ(deaf.told()[0]["dn"], "Later=1") << "nothing of the report";
+    ASSERT_EQ(node.verb("down").code, 0);
+    EXPECT_EQ(node.verb("report", {node.path("report.json")}).code, 1) << "nobody there";
+}

@@ -53,6 +53,10 @@ private:
             m_asked += "shutdown;";
             return TAMO_DBShutdownDbRsp(answer, request.transId);
         });
+        serve<TAMO_EnableAttrSync>(raw, [&](const auto& request) {
+            m_asked += "enable;";
+            return TAMO_EnableAttrSyncRsp(answer, request.transId);
+        });
         serve<TAMO_DBOrderReady>(raw, [&](const auto& request) {
             m_asked += "ready;";
             return TAMO_DBOrderReadyRsp(true, request.transId);
@@ -99,7 +103,8 @@ TEST_F(MaintenanceVerbs, SendTheirRequestAndTellTheAnswer)
                                                          {"backup-fragments", "fragments;"},
                                                          {"clean --force", "clean;"},
                                                          {"shutdown --force", "shutdown;"},
-                                                         {"load-slot 7", "load 7;"}};
+                                                         {"load-slot 7", "load 7;"},
+                                                         {"enable-sync", "enable;"}};
     for (const auto& [verb, request] : verbs) {
         answer = true;
         const Result done = run(verb);
@@ -126,7 +131,7 @@ TEST_F(MaintenanceVerbs, NothingIsDestroyedWithoutForceOrInsideATransaction)
         EXPECT_NE(refused.error.find("permanent configuration"), std::string::npos) << refused.error;
     }
     for (const char* verb :
-         {"store", "backup-fragments", "integrity", "clean --force", "shutdown --force", "load-slot 1"})
+         {"store", "backup-fragments", "integrity", "clean --force", "shutdown --force", "load-slot 1", "enable-sync"})
         EXPECT_EQ(run(std::string("transaction --abort -- ") + verb).code, 2) << verb;
     EXPECT_EQ(asked(), "");
 }

@@ -296,6 +296,12 @@ bool Database::clean()
     return m_client.request<TAMO_DBCleanDatabaseRsp>(request).success;
 }
 
+bool Database::enableAttributeSynchronisation()
+{
+    TAMO_EnableAttrSync request;
+    return m_client.request<TAMO_EnableAttrSyncRsp>(request).success;
+}
+
 bool Database::shutDown()
 {
     TAMO_DBShutdownDb request;

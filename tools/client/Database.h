@@ -82,6 +82,9 @@ public:
     [[nodiscard]] bool shutDown();
     /// Makes the values that are parked in the slot live. True also when there are none.
     [[nodiscard]] bool loadSlot(std::int32_t slot);
+    /// Has the service read its mapping of deprecated attributes, unless it has, and keep them equal to their
+    /// successors from now on. False when it cannot: it orders a software fallback then.
+    [[nodiscard]] bool enableAttributeSynchronisation();
 
     /// Starts a client transaction under this id, or one drawn at random, and answers the id. None when
     /// the service refuses: a transaction of our node with that id is open already.

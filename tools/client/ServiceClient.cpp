@@ -127,6 +127,13 @@ void ServiceClient::post(Messages::TransactionMessage& message)
     sendRequest(message, Clock::now() + m_options.timeout);
 }
 
+void ServiceClient::send(const Messages::Message& message)
+{
+    if (m_socket < 0)
+        fail(Trouble::noService, "not connected any more");
+    send(message, Clock::now() + m_options.timeout);
+}
+
 void ServiceClient::exchange(Messages::TransactionMessage& message, Messages::TransactionMessage& answer,
                              std::chrono::milliseconds extra)
 {

@@ -64,6 +64,8 @@ public:
     /// Sends a request that gets no answer. One that does tells that this one has been handled: the
     /// service handles what we send in order.
     void post(TAMO::Messages::TransactionMessage& message);
+    /// The same for a message that is no request: a report of what has happened elsewhere on the node.
+    void send(const TAMO::Messages::Message& message);
 
     /// The transaction id of the requests from now on; none draws one for each again. With an id that
     /// stays the same, the late answer to a request that timed out would be taken for that of the next

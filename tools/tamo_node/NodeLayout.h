@@ -24,6 +24,8 @@ public:
     /// Shared by the partitions: facts about the node that outlive its configuration, and backups.
     std::string common() const { return m_directory + "/common"; }
     std::string backup() const { return m_directory + "/backup"; }
+    /// Files that the service only reads.
+    std::string conf() const { return m_directory + "/conf"; }
     /// What the storage holds of all these for certain; see platform/host/Medium.h.
     std::string medium() const { return m_directory + "/medium"; }
     /// Stands in for the node's root directory where commands name files in it.
@@ -46,7 +48,6 @@ public:
 
 private:
     std::string backupWork() const { return m_directory + "/backup/work"; }
-    std::string conf() const { return m_directory + "/conf"; }
     std::string dump() const { return m_directory + "/dump"; }
 
     std::string m_directory;

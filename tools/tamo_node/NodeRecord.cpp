@@ -191,6 +191,7 @@ std::string statusText(const NodeRecord& record, const std::string& directory, c
         status["boots_without_good_mark"] = state.unmarkedBoots;
         status["reset_reason"] = state.resetReason;
         status["operation_mode"] = state.operationMode;
+        status["mo_access"] = state.moAccess;
         status["controlled_resets"] = state.controlledResets;
     } else {
         status["state_file_problem"] = problem;

@@ -14,15 +14,16 @@ namespace {
 struct Key {
     std::string_view name;
     int NodeState::*member;
-    bool partition;
+    enum class Range { any, partition, flag } range = Range::any;
 };
 
 constexpr Key keys[] = {
-    {"started_partition", &NodeState::startedPartition, true},
-    {"active_partition", &NodeState::activePartition, true},
-    {"fallback_partition", &NodeState::fallbackPartition, true},
-    {"reset_reason", &NodeState::resetReason, false},
-    {"operation_mode", &NodeState::operationMode, false},
+    {"started_partition", &NodeState::startedPartition, Key::Range::partition},
+    {"active_partition", &NodeState::activePartition, Key::Range::partition},
+    {"fallback_partition", &NodeState::fallbackPartition, Key::Range::partition},
+    {"reset_reason", &NodeState::resetReason},
+    {"operation_mode", &NodeState::operationMode},
+    {"mo_access", &NodeState::moAccess, Key::Range::flag},
 };
 
 struct Assignment {
@@ -57,8 +58,12 @@ std::optional<Assignment> parse(const std::string& text, std::string& problem)
         problem = "\"" + text.substr(equals + 1) + "\" is not a number for " + name;
         return std::nullopt;
     }
-    if (assignment.key->partition && !isPartition(assignment.value)) {
+    if (assignment.key->range == Key::Range::partition && !isPartition(assignment.value)) {
         problem = "there is no partition " + std::to_string(assignment.value) + " for " + name + ", only 1 to 4";
+        return std::nullopt;
+    }
+    if (assignment.key->range == Key::Range::flag && assignment.value != 0 && assignment.value != 1) {
+        problem = name + " is 0 or 1, not " + std::to_string(assignment.value);
         return std::nullopt;
     }
     return assignment;

@@ -1,5 +1,6 @@
 // The verb up: this process, or a child that goes on after it, becomes the node's supervisor.
 #include "Access.h"
+#include "ConfFiles.h"
 #include "Isolation.h"
 #include "NodeLock.h"
 #include "Supervisor.h"
@@ -37,6 +38,21 @@ bool findProgram(UpOptions& arguments)
         return false;
     }
     arguments.program = program.string();
+    return true;
+}
+
+/// The node gets what its service reads; a node without the attribute mapping comes up, but not for long.
+bool installConf(const NodeLayout& layout, const UpOptions& arguments)
+{
+    const bool named = !arguments.conf.empty();
+    const std::string source = named ? arguments.conf : ConfFiles::besideProgram(arguments.program);
+    std::string problem;
+    if (!ConfFiles::install(layout, source, named, problem)) {
+        fail(problem);
+        return false;
+    }
+    if (const std::string warning = ConfFiles::missing(layout, source); !warning.empty())
+        std::fprintf(stderr, "tamo_node: %s\n", warning.c_str());
     return true;
 }
 
@@ -209,5 +225,7 @@ int up(UpOptions arguments)
     std::string problem;
     if (!layout->make(problem))
         return fail(problem);
+    if (!installConf(*layout, arguments))
+        return exitFailure;
     return arguments.foreground ? upInForeground(*layout, arguments) : upInBackground(*layout, arguments);
 }

@@ -12,6 +12,7 @@
 struct UpOptions {
     std::string directory;
     std::string program;
+    std::string conf;      ///< the directory of the files to install; empty: beside the program's
     int readyTimeout = 30; ///< seconds, of each boot
     int stopTimeout = 10;  ///< seconds
     bool foreground = false;
@@ -60,3 +61,17 @@ struct CorruptOptions {
 int corrupt(const CorruptOptions& options);
 
 int upgradeState(const std::string& directory, std::int32_t state);
+/// Sends what the file ("-": standard input) describes; returns when the service has handled it.
+int report(const std::string& directory, const std::string& file);
+
+/// Messages of the middleware about the Wi-Fi module: one for each status, in one go. What is not given is
+/// as the service expects it.
+struct WifiOptions {
+    std::string directory;
+    std::vector<std::int32_t> statuses;
+    std::optional<std::uint32_t> magic;
+    std::optional<std::uint32_t> kind;
+    std::optional<std::int32_t> statusId;
+    std::optional<std::size_t> truncate; ///< to this many bytes
+};
+int wifi(const WifiOptions& options);

@@ -22,6 +22,7 @@ public:
         addLookVerbs();
         addFaultVerbs();
         addStateVerbs();
+        addWifiVerb();
     }
     int run() const { return m_chosen(); }
 
@@ -37,6 +38,7 @@ private:
     void addLookVerbs();
     void addFaultVerbs();
     void addStateVerbs();
+    void addWifiVerb();
 
     CLI::App& m_app;
     std::function<int()> m_chosen;
@@ -48,6 +50,8 @@ private:
     CorruptOptions m_corrupt;
     std::vector<std::string> m_assignments;
     std::int32_t m_upgradeState = 0;
+    std::string m_report;
+    WifiOptions m_wifi;
 };
 
 void CommandLine::addLifeVerbs()
@@ -62,6 +66,9 @@ void CommandLine::addLifeVerbs()
         ->check(CLI::Range(1, 100))
         ->capture_default_str();
     boot->add_option("--tamo-db", m_up.program, "The service to start (default: beside tamo_node)");
+    boot->add_option("--conf", m_up.conf,
+                     "Directory of the *.xml files that DIR/conf gets where it has none of that name (default: conf "
+                     "beside the service's directory)");
     boot->add_flag("--shared-tmp", m_up.shareTmp, "No private /tmp and /dev/shm");
     verb("down", "Ends the node in order and returns when it is gone", m_directory,
          [this] { return down(m_directory); });
@@ -109,13 +116,35 @@ void CommandLine::addStateVerbs()
 {
     verb("set", "Changes what the node's middleware tells: KEY=NUMBER...", m_directory,
          [this] { return set(m_directory, m_assignments); })
-        ->add_option("ASSIGNMENTS", m_assignments,
-                     "started_partition, active_partition, fallback_partition, reset_reason or operation_mode")
+        ->add_option(
+            "ASSIGNMENTS", m_assignments,
+            "started_partition, active_partition, fallback_partition, reset_reason, operation_mode or mo_access")
         ->required();
     verb("upgrade-state", "Writes the state of UpgradePackage=1, as a software upgrade does", m_directory,
          [this] { return upgradeState(m_directory, m_upgradeState); })
         ->add_option("N", m_upgradeState, "The state")
         ->required();
+    verb("report", "Tells the service of changed objects, as the management agent does", m_directory,
+         [this] { return report(m_directory, m_report); })
+        ->add_option("FILE", m_report, "The report as JSON (docs/clients.md); -: standard input")
+        ->required();
+}
+
+void CommandLine::addWifiVerb()
+{
+    auto* wifiModule =
+        verb("wifi",
+             "Tells the service states of the Wi-Fi module, as the middleware does: WifiModule=1 shows the first at "
+             "once and the last of a burst within a second",
+             m_wifi.directory, [this] { return wifi(m_wifi); });
+    wifiModule->add_option("STATUS", m_wifi.statuses, "Operational states, a message each")->required();
+    wifiModule->add_option("--magic", m_wifi.magic, "Another magic word than 0xEB1CBABE");
+    wifiModule->add_option("--kind", m_wifi.kind,
+                           "Another message kind than 2: 0 alarm, 1 alive, 3 indication, others unknown");
+    wifiModule->add_option("--status-id", m_wifi.statusId, "Another status id than 1");
+    wifiModule->add_option("--truncate", m_wifi.truncate, "Only the first BYTES of each message's 36")
+        ->check(notNegative)
+        ->type_name("BYTES");
 }
 
 } // namespace

@@ -4,33 +4,16 @@
 #include "tools/tamoctl/Failure.h"
 #include "tools/tamoctl/ObjectJson.h"
 #include "tools/tamoctl/TextCoding.h"
+#include "tools/tamoctl/TextTable.h"
 #include "tools/tamoctl/Verbs.h"
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <iostream>
 #include <map>
 
 namespace {
 
 using namespace TAMO::Messages;
-
-using Row = std::vector<std::string>;
-
-/// Rows in columns, the first row their heads. The last column is not filled up.
-void printTable(Context& context, const std::vector<Row>& rows)
-{
-    std::vector<std::size_t> widths(rows.front().size());
-    for (const Row& row : rows)
-        for (std::size_t column = 0; column < widths.size(); ++column)
-            widths[column] = std::max(widths[column], screenWidth(row[column]));
-    for (const Row& row : rows) {
-        std::string line;
-        for (std::size_t column = 0; column + 1 < widths.size(); ++column)
-            line.append(row[column]).append(widths[column] + 2 - screenWidth(row[column]), ' ');
-        context.print(line + row.back());
-    }
-}
 
 template <class Record, class ToJson>
 void printArray(Context& context, const std::vector<Record>& records, ToJson toJson)

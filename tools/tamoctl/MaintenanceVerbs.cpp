@@ -1,6 +1,6 @@
 // The verbs that act on the database as a whole: store, backup-fragments, integrity, clean, shutdown,
-// load-slot. They are carried out at once and cannot be taken back, so what destroys something wants
-// to be told twice, and what the service's "true" leaves open is looked up.
+// load-slot, enable-sync. They are carried out at once and cannot be taken back, so what destroys something
+// wants to be told twice, and what the service's "true" leaves open is looked up.
 
 #include "tools/tamoctl/Failure.h"
 #include "tools/tamoctl/Verbs.h"
@@ -118,6 +118,19 @@ void addLoadSlot(CLI::App& app, Action& chosen)
     });
 }
 
+void addEnableSync(CLI::App& app, Action& chosen)
+{
+    app.add_subcommand("enable-sync", "Have the service keep deprecated attributes and their successors equal")
+        ->callback([&chosen] {
+            chosen = [](Context& context) {
+                if (!context.database().enableAttributeSynchronisation())
+                    throw Failure(ExitCode::refused, "the service could not read its mapping file of deprecated "
+                                                     "attributes and orders a software fallback; its log says why");
+                context.printDone("deprecated attributes and their successors are kept equal");
+            };
+        });
+}
+
 } // namespace
 
 void addMaintenanceVerbs(CLI::App& app, Action& chosen)
@@ -133,4 +146,5 @@ void addMaintenanceVerbs(CLI::App& app, Action& chosen)
               "empty tree",
               &Database::shutDown, "the permanent configuration is removed; the service refuses all work from now on");
     addLoadSlot(app, chosen);
+    addEnableSync(app, chosen);
 }

@@ -42,7 +42,7 @@ std::string changeName(std::int32_t operation)
     }
 }
 
-/// Operations of a transaction have codes of their own.
+/// Operations of a client's transaction have codes of their own; those of a report have a change's.
 std::string requestName(std::int32_t operation)
 {
     switch (operation) {
@@ -55,7 +55,7 @@ std::string requestName(std::int32_t operation)
     case operationDelete:
         return "delete";
     default:
-        return "operation " + std::to_string(operation);
+        return changeName(operation);
     }
 }
 

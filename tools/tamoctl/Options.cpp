@@ -99,6 +99,7 @@ void addRequestVerbs(CLI::App& app, Action& chosen)
     addServiceVerbs(app, chosen);
     addMaintenanceVerbs(app, chosen);
     addExaminationVerbs(app, chosen);
+    addSyncPairsVerb(app, chosen);
     addDiagnosticVerbs(app, chosen);
     for (CLI::App* verb : app.get_subcommands({}))
         verb->fallthrough(); // global options may stand behind the verb

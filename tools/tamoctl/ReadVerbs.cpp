@@ -1,4 +1,4 @@
-// The verbs that look at objects: get, children, class, instances, exists, whole-dn.
+// The verbs that look at objects: get, children, class, instances, exists, whole-dn, mapping.
 
 #include "tools/tamoctl/DnArgument.h"
 #include "tools/tamoctl/Failure.h"
@@ -9,6 +9,8 @@
 #include "values/DistinguishedName.h"
 
 #include <CLI/CLI.hpp>
+
+#include <sstream>
 
 namespace {
 
@@ -177,6 +179,38 @@ void addWholeDn(CLI::App& app, Action& chosen)
     });
 }
 
+/// What the base-band side calls the object or attribute. The service keeps the whole mapping in one object.
+std::string baseBandIdentifier(Database& database, const std::string& name)
+{
+    const std::string mapping = "BOMOMapping";
+    const auto attribute = database.fetchAttribute(mapping, name);
+    if (!attribute && !database.exists(mapping))
+        throw Failure(ExitCode::notFound,
+                      mapping + ": not found; the service's log says what is wrong with its mapping files");
+    if (!attribute)
+        notFound("base-band identifier of " + name);
+    const auto* const number = std::get_if<std::int32_t>(&attribute->value);
+    if (!number)
+        throw Failure(ExitCode::refused, mapping + " holds no number for " + printable(name) + ", but \"" +
+                                             printable(attribute->ToStr()) + "\"");
+    std::ostringstream text;
+    text << "0x" << std::hex << *number;
+    return text.str();
+}
+
+void addMapping(CLI::App& app, Action& chosen)
+{
+    auto name = std::make_shared<std::string>();
+    CLI::App* verb = app.add_subcommand("mapping", "Show the base-band identifier of an object or attribute name");
+    verb->add_option("NAME", *name, "DN or attribute name, as the mapping files write it")->required();
+    verb->callback([name, &chosen] {
+        chosen = [name](Context& context) {
+            const std::string identifier = baseBandIdentifier(context.database(), checkedName(*name));
+            context.print(context.json() ? "{\"identifier\": " + jsonText(identifier) + "}" : identifier);
+        };
+    });
+}
+
 } // namespace
 
 void addReadVerbs(CLI::App& app, Action& chosen)
@@ -187,4 +221,5 @@ void addReadVerbs(CLI::App& app, Action& chosen)
     addInstances(app, chosen);
     addExists(app, chosen);
     addWholeDn(app, chosen);
+    addMapping(app, chosen);
 }

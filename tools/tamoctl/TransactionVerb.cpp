@@ -29,6 +29,7 @@ Action parsedForTransaction(std::vector<std::string> words)
                                                   "store",       "backup-fragments",
                                                   "integrity",   "clean",
                                                   "shutdown",    "load-slot",
+                                                  "enable-sync", "sync-pairs",
                                                   "check",       "diff"};
     if (std::find(refused.begin(), refused.end(), words.front()) != refused.end())
         throw Failure(ExitCode::usage, "the verb " + words.front() + " cannot stand inside a transaction");

@@ -23,6 +23,8 @@ void addServiceVerbs(CLI::App& app, Action& chosen);
 void addMaintenanceVerbs(CLI::App& app, Action& chosen);
 /// check, diff: database files and whole trees, examined without a service.
 void addExaminationVerbs(CLI::App& app, Action& chosen);
+/// sync-pairs: a mapping file of deprecated attributes, examined without a service.
+void addSyncPairsVerb(CLI::App& app, Action& chosen);
 /// clients, subscriptions: what the service knows of those it serves.
 void addDiagnosticVerbs(CLI::App& app, Action& chosen);
 /// Shows notifications until it is told to end.
