@@ -130,6 +130,10 @@ tour() {
     change
     transaction
     delete
+    report
+    follow
+    wifi
+    base_band
     store
     fall_back
 }
@@ -171,29 +175,39 @@ change() {
 
 is_subscribed() { "$bin/tamoctl" subscriptions | grep -q "$1"; }
 
-transaction() {
-    title "A watcher sees a transaction arrive"
-    local watched=$directory/watched watcher tries
-    printf '%s$ tamoctl watch --transactions --all every --count 3 --timeout 30 &%s\n' "$dim" "$plain"
-    "$bin/tamoctl" watch --transactions --all every --count 3 --timeout 30 >"$watched" &
+# watch_for COUNT: a watcher in the background that is subscribed when this returns.
+watch_for() {
+    local tries command=(tamoctl watch --transactions --all every --count "$1" --timeout 30)
+    printf '%s$ %s &%s\n' "$dim" "${command[*]}" "$plain"
+    "$bin/${command[0]}" "${command[@]:1}" >"$directory/watched" &
     watcher=$!
     for ((tries = 0; tries < 100; ++tries)); do
         ! is_subscribed TRANSACTIONS || break
         sleep 0.1
     done
+}
+
+# What the watcher was told, when it has ended.
+watched() {
+    code=0
+    wait "$watcher" || code=$?
+    output=$(<"$directory/watched")
+    show 12
+}
+
+transaction() {
+    title "A watcher sees a transaction arrive"
+    watch_for 3
     try tamoctl subscriptions
     show 6
     check "the watcher is subscribed" equal "$code" 0
     try tamoctl transaction -- set ManagedElement=1 userLabel=together -- insert ManagedElement=1,Antenna=7 height:UINT32=30
     show 6
     check "two writes, committed as one" equal "$code" 0
-    code=0
-    wait "$watcher" || code=$?
-    output=$(<"$watched")
-    show 12
+    watched
     check "the watcher was told of both objects and of the transaction" equal "$code" 0
-    check "with the new value" grep -q 'ManagedElement=1.*together' "$watched"
-    check "and the new object" grep -q 'ManagedElement=1,Antenna=7.*30' "$watched"
+    check "with the new value" grep -q 'ManagedElement=1.*together' <<<"$output"
+    check "and the new object" grep -q 'ManagedElement=1,Antenna=7.*30' <<<"$output"
     try tamoctl transaction -- set ManagedElement=1 userLabel=never -- delete ManagedElement=1,Absent=1
     show 3
     check "a transaction whose second line fails is given up" equal "$code" 3
@@ -227,6 +241,88 @@ delete() {
     check "and is gone" equal "$code" 3
 }
 
+report() {
+    title "A change made through the management agent is announced"
+    jq -n '{objects: [{dn: "ManagedElement=1,FAPService=1,Alarm=4", operation: "I",
+                       attributes: [{name: "severity", type: "INT32", value: "3"}]}]}' >"$directory/report.json"
+    watch_for 2
+    try tamo_node report "$directory" "$directory/report.json"
+    check "the agent reports an object of its own" equal "$code" 0
+    watched
+    check "the watcher was told of the object and of the transaction" equal "$code" 0
+    check "with the value, which came as text" grep -q 'FAPService=1,Alarm=4 severity = 3' <<<"$output"
+    try tamoctl exists ManagedElement=1,FAPService=1,Alarm=4
+    check "the object stays with the agent: it is not in the tree" equal "$code" 3
+}
+
+# Two names of one switch.
+ran=ManagedElement=1,FAPService=1,CellConfig=1,UMTS=1,RAN=1
+same_switch() {
+    try tamoctl get "$ran" "$1"
+    check "$2: $output" equal "$output" "$3"
+}
+
+follow() {
+    title "A renamed attribute and its successor carry the same value"
+    try tamoctl sync-pairs "$directory/conf/deprecated_attribute_mapping.xml"
+    show 4
+    check "the node's mapping file, looked at without the service" equal "$code" 0
+    try tamoctl enable-sync
+    show 1
+    check "the service takes it" equal "$code" 0
+    try tamoctl set "$ran" HSFlag=true
+    check "the old name is written" equal "$code" 0
+    same_switch HSEnable "the new one has followed" true
+    try tamoctl set "$ran" HSEnable=false
+    check "the new name is written" equal "$code" 0
+    same_switch HSFlag "the old one has followed" false
+    try tamoctl set "$ran" HSFlag=true
+    check "once more, to be looked at after the restart" equal "$code" 0
+}
+
+# wifi_shows STATUS: within a few seconds.
+wifi_shows() {
+    local tries
+    for ((tries = 0; tries < 50; ++tries)); do
+        [[ $("$bin/tamoctl" get "$module" operationalState) != "$1" ]] || return 0
+        sleep 0.1
+    done
+    return 1
+}
+
+wifi() {
+    title "The Wi-Fi module's status shows in the tree"
+    local equipment=ManagedElement=1,Equipment=1
+    module=$equipment,RbsUnit=1,WifiModule=1
+    try tamoctl transaction -- insert $equipment -- insert $equipment,RbsUnit=1 -- insert $module operationalState:INT32=0
+    check "the module's object" equal "$code" 0
+    try tamo_node wifi "$directory" 1
+    check "the middleware tells its status" equal "$code" 0
+    try tamoctl get $module operationalState
+    check "it is there at once: $output" equal "$output" 1
+    try tamo_node wifi "$directory" 0 1 0 2
+    check "a burst of them" equal "$code" 0
+    check "the last one is there when it has settled" wifi_shows 2
+    try tamo_node wifi "$directory" 7 --magic 0xDEADBEEF
+    try tamo_node log "$directory" --lines 1
+    show 1
+    check "a message with another magic word is told in the log" grep -qi deadbeef <<<"$output"
+    check "and changes nothing" wifi_shows 2
+}
+
+base_band() {
+    title "What the base-band side calls it"
+    local cell=ManagedElement=1,FAPService=1
+    try tamoctl mapping $cell
+    check "an object: $output, as in the node's mapping file" \
+        grep -q "dn=\"$cell\" bo-class=\"${output#0x}\"" "$directory/conf/common_mapping.xml"
+    try tamoctl mapping DeviceType
+    check "an attribute: $output" \
+        grep -q "name=\"DeviceType\" bo-attribute=\"${output#0x}\"" "$directory/conf/common_mapping.xml"
+    try tamoctl mapping $cell,Alarm=4
+    check "what has none is not found" equal "$code" 3
+}
+
 partition() { "$bin/tamo_node" status "$directory" | jq .started_partition; }
 
 store() {
@@ -247,6 +343,7 @@ store() {
     check "the name is there: $output" equal "$output" north
     try tamoctl get ManagedElement=1,Site=1 note
     check "the note is gone, as it should be" equal "$code" 3
+    same_switch HSEnable "both names of the switch are kept" true
     stored=$("$bin/tamoctl" export ManagedElement=1 | wc -l)
 }
 
