@@ -222,6 +222,8 @@ void awaitResetService(const std::string& directory, std::chrono::milliseconds p
         return;
     while (isMissing() && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (isMissing())
+        LOG_WARNING("Framework: the node's reset service has a socket and does not call: orders to it will be lost");
 }
 
 } // namespace

@@ -90,9 +90,13 @@ void TimerQueue::run()
         } else if (const auto when = m_armed.begin()->first.first; when > Clock::now()) {
             m_changed.wait_until(lock, when);
         } else {
-            ReactiveStateMachine* const owner = m_armed.begin()->second;
-            m_armed.erase(m_armed.begin());
-            owner->enqueueEvent(Event(timerExpired));
+            const auto first = m_armed.begin();
+            try {
+                first->second->enqueueEvent(Event(timerExpired));
+                m_armed.erase(first);
+            } catch (const std::exception&) { // no memory: the expiry comes a little later
+                m_changed.wait_for(lock, std::chrono::milliseconds(10));
+            }
         }
     }
 }

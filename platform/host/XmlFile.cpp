@@ -10,13 +10,18 @@
 #include <Poco/Exception.h>
 #include <Poco/SAX/Attributes.h>
 #include <Poco/SAX/DefaultHandler.h>
+#include <Poco/SAX/InputSource.h>
+#include <Poco/SAX/LexicalHandler.h>
 #include <Poco/SAX/SAXException.h>
 #include <Poco/SAX/SAXParser.h>
 #include <Poco/SAX/XMLReader.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <istream>
+#include <streambuf>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -68,14 +73,29 @@ std::string contentOf(int file, std::size_t maxBytes)
     return content;
 }
 
-/// Refuses elements that are nested too deep, and entities that swell to more text than the file may hold.
-class ShapeCheck : public DefaultHandler {
+/// Refuses elements that are nested too deep, and entities that swell to more than the file may hold.
+class ShapeCheck : public DefaultHandler, public LexicalHandler {
 public:
     explicit ShapeCheck(std::size_t maxText) : m_maxText(maxText) {}
 
-    void characters(const XMLChar*, int, int length) override { count(static_cast<std::size_t>(length)); }
-    void startElement(const XMLString&, const XMLString&, const XMLString&, const Attributes& attributes) override
+    /// How often the parser has told something.
+    std::size_t events() const { return m_events; }
+
+    void comment(const XMLChar*, int, int length) override { count(static_cast<std::size_t>(length)); }
+    void processingInstruction(const XMLString& target, const XMLString& data) override
     {
+        count(target.size() + data.size());
+    }
+    void startDTD(const XMLString&, const XMLString&, const XMLString&) override {}
+    void endDTD() override {}
+    void startEntity(const XMLString&) override {}
+    void endEntity(const XMLString&) override {}
+    void startCDATA() override {}
+    void endCDATA() override {}
+    void characters(const XMLChar*, int, int length) override { count(static_cast<std::size_t>(length)); }
+    void startElement(const XMLString&, const XMLString&, const XMLString& name, const Attributes& attributes) override
+    {
+        count(name.size() + std::strlen("</>")); // what an element takes in a file, at least
         if (++m_depth > XmlFile::maxDepth)
             throw SAXException("elements nested deeper than " + std::to_string(XmlFile::maxDepth));
         for (int i = 0; i < attributes.getLength(); ++i)
@@ -86,14 +106,53 @@ public:
 private:
     void count(std::size_t length)
     {
+        ++m_events;
         m_text += length;
         if (m_text > m_maxText)
-            throw SAXException("entities make more than " + std::to_string(m_maxText) + " bytes of text");
+            throw SAXException("entities make more than " + std::to_string(m_maxText) + " bytes");
     }
 
     const std::size_t m_maxText;
     std::size_t m_depth = 0;
-    std::size_t m_text = 0;
+    std::size_t m_text = 0; // and the least that elements take
+    std::size_t m_events = 0;
+};
+
+/// Hands a text to a parser in blocks, and ends when the parser has made nothing of too many of them: with
+/// every block it looks at an open comment, tag or declaration from its beginning again, which takes
+/// minutes where that is as long as the file.
+class WatchedText : public std::streambuf {
+public:
+    static constexpr std::size_t maxToken = 64 * 1024;
+
+    WatchedText(const std::string& text, const ShapeCheck& check) : m_text(text), m_check(check) {}
+    bool gaveUp() const { return m_gaveUp; }
+
+protected:
+    int_type underflow() override
+    {
+        if (m_events != m_check.events()) {
+            m_events = m_check.events();
+            m_toldAt = m_next;
+        }
+        m_gaveUp = m_gaveUp || m_next - m_toldAt > maxToken;
+        if (m_gaveUp || m_next == m_text.size())
+            return traits_type::eof();
+        constexpr std::size_t block = 4096;
+        const std::size_t size = std::min(block, m_text.size() - m_next);
+        char* const begin = const_cast<char*>(m_text.data()) + m_next; // only read
+        setg(begin, begin, begin + size);
+        m_next += size;
+        return traits_type::to_int_type(*begin);
+    }
+
+private:
+    const std::string& m_text;
+    const ShapeCheck& m_check;
+    std::size_t m_next = 0;
+    std::size_t m_toldAt = 0; ///< what was handed out when the parser last told something
+    std::size_t m_events = 0;
+    bool m_gaveUp = false;
 };
 
 template <class Parser>
@@ -111,7 +170,18 @@ void checkShape(const std::string& content, std::size_t maxBytes)
     followNoEntities(parser);
     parser.setFeature(XMLReader::FEATURE_NAMESPACES, false);
     parser.setContentHandler(&check);
-    parser.parseMemoryNP(content.data(), content.size());
+    parser.setProperty(XMLReader::PROPERTY_LEXICAL_HANDLER, static_cast<LexicalHandler*>(&check));
+    WatchedText watched(content, check);
+    std::istream stream(&watched);
+    InputSource source(stream);
+    try {
+        parser.parse(&source);
+    } catch (const Poco::Exception&) {
+        if (!watched.gaveUp())
+            throw;
+        throw SAXException("a comment, tag or declaration of more than " + std::to_string(WatchedText::maxToken) +
+                           " bytes");
+    }
 }
 
 } // namespace

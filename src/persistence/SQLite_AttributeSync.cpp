@@ -125,6 +125,12 @@ bool SQLite::SyncAttribute(const std::string& dn, const std::string& name, const
     return true;
 }
 
+bool SQLite::yieldsToSuccessor(const std::string& dn, const std::string& name, const IsChanged& isChanged)
+{
+    const AttributeSyncPair::Side* const successor = m_syncPairs.successorOf(dn, name);
+    return successor && isChanged(successor->dn, successor->attribute);
+}
+
 void SQLite::updateAttribute(const std::string& dn, const std::string& name, const Value& value)
 {
     LOG_DEBUG("SQLite::%s() Updating %s:%s", __func__, dn.c_str(), name.c_str());

@@ -140,7 +140,12 @@ void AMW_MessageHandler::handleTimeout()
     // First this: as soon as the owner has the event it may arm the timer for the next hold.
     m_holdTimer.cancelTimeout();
     constexpr std::int32_t noParameter = 0;
-    m_owner.enqueueEvent(DatabaseWrapper_StateMachine::EventWithParams_evAMWMessageHandlerEvent(noParameter));
+    try {
+        m_owner.enqueueEvent(DatabaseWrapper_StateMachine::EventWithParams_evAMWMessageHandlerEvent(noParameter));
+    } catch (const std::exception& error) { // no memory: without the event the hold would never end
+        LOG_WARNING("AMW_MessageHandler::%s: the hold is prolonged: %s", __func__, error.what());
+        armHoldTimer();
+    }
 }
 
 void AMW_MessageHandler::holdExpired(std::int32_t)

@@ -16,6 +16,9 @@
 
 #include <cmath>
 #include <exception>
+#include <optional>
+#include <set>
+#include <utility>
 
 using namespace TAMO::Messages;
 
@@ -80,9 +83,10 @@ NotificationItem itemOf(const ReportedObject& object)
     return item;
 }
 
-void synchronise(SQLite& store, const NotificationItem& object, const attrNameValuePair& pair)
+void synchronise(SQLite& store, const NotificationItem& object, const attrNameValuePair& pair,
+                 const SQLite::IsChanged& isReported)
 {
-    if (!store.attributeSynchronisationEnabled())
+    if (!store.attributeSynchronisationEnabled() || store.yieldsToSuccessor(object.wholeDn, pair.name, isReported))
         return;
     if (!store.SyncAttribute(object.wholeDn, pair.name, pair.value, pair.operation))
         LOG_ERROR("DatabaseWrapper::handleMOAccessNotify: Failed to syncronize attribute %s:%s", object.dn.c_str(),
@@ -101,10 +105,31 @@ void noteReferences(SQLite& store, const NotificationItem& object, const Reporte
     }
 }
 
+using Attributes = std::set<std::pair<std::string, std::string>>;
+
+/// Every attribute of a report, as whole DN and name.
+Attributes attributesOf(const std::vector<ReportedObject>& objects)
+{
+    Attributes all;
+    for (const ReportedObject& object : objects)
+        for (const ReportedAttribute& attribute : object.attributes)
+            all.emplace(object.dn, attribute.name);
+    return all;
+}
+
 /// One report on its way to the subscribers.
 class ReportHandling {
 public:
-    ReportHandling(SQLite& store, Delivery& delivery) : m_store(store), m_delivery(delivery) {}
+    ReportHandling(SQLite& store, Delivery& delivery, const std::vector<ReportedObject>& objects)
+        : m_store(store),
+          m_delivery(delivery),
+          m_isReported([&objects, reported = std::optional<Attributes>()](const std::string& dn,
+                                                                          const std::string& name) mutable {
+              if (!reported)
+                  reported = attributesOf(objects);
+              return reported->contains({dn, name});
+          })
+    {}
 
     void announce(const ReportedObject& object);
     const TAMO_DBTransactionNotifData& notification() const { return m_notification; }
@@ -115,6 +140,7 @@ private:
 
     SQLite& m_store;
     Delivery& m_delivery;
+    const SQLite::IsChanged m_isReported;
     TAMO_DBTransactionNotifData m_notification;
 };
 
@@ -141,7 +167,7 @@ std::vector<attrNameValuePair> ReportHandling::follow(const ReportedObject& obje
                   attribute.value.c_str(), attribute.hidden ? 1 : 0);
         pairs.push_back({attribute.name, DatabaseWrapper::ConvertValueFromString(attribute.value, attribute.type),
                          attribute.type, item.operation, storageLive, attribute.hidden});
-        synchronise(m_store, item, pairs.back());
+        synchronise(m_store, item, pairs.back(), m_isReported);
         noteReferences(m_store, item, attribute);
     }
     return pairs;
@@ -173,7 +199,7 @@ void DatabaseWrapper::handleMOAccessNotify(const RawMessage* raw, std::size_t le
     try {
         const MOTransactionNotify report(raw ? raw->body.data() : nullptr, raw ? length : 0);
         const SharedLock lock(store.runtime());
-        ReportHandling handling(store, m_delivery);
+        ReportHandling handling(store, m_delivery, report.objects());
         for (const ReportedObject& object : report.objects())
             handling.announce(object);
         tellMirrored(store);

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
 #include <optional>
@@ -325,6 +326,11 @@ public:
     /// side of its pair, if it has one, in a transaction of its own. A failed write is logged by the
     /// operation that failed; false only for an operation that is none.
     bool SyncAttribute(const std::string& dn, const std::string& name, const Value& value, std::int32_t operation);
+    /// Whether a change of the attribute is not to be mirrored, because its successor was changed with it:
+    /// `isChanged` (whole DN, attribute) knows the changes that belong together. Mirrored one after the other
+    /// the two would swap their values.
+    using IsChanged = std::function<bool(const std::string& dn, const std::string& name)>;
+    bool yieldsToSuccessor(const std::string& dn, const std::string& name, const IsChanged& isChanged);
     /// Gives a live attribute the value, making it, and its object, where they are missing.
     void updateAttribute(const std::string& dn, const std::string& name, const Value& value);
 
@@ -412,7 +418,7 @@ private:
     void forgetChanges();
     enum class Origin { client, synchronisation };
     void walk(const std::vector<NotificationItem>& items, Origin origin);
-    void synchronise(const NotificationItem& item);
+    void synchronise(const NotificationItem& item, const IsChanged& isChanged);
     void announceObject(std::span<const NotificationItem> group, std::int32_t operation);
     void followFeatureState(const NotificationItem& item);
 

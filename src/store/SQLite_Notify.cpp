@@ -8,13 +8,25 @@
 #include "platform/middleware/Log.h"
 
 #include <exception>
+#include <optional>
 #include <span>
+#include <unordered_set>
 
 namespace {
 
 bool sameObject(const NotificationItem& a, const NotificationItem& b)
 {
     return a.realDn() == b.realDn() && a.MOInstance == b.MOInstance;
+}
+
+/// Every changed attribute, as DN and name.
+std::unordered_set<std::string> attributesOf(const std::vector<NotificationItem>& items)
+{
+    std::unordered_set<std::string> changed;
+    for (const NotificationItem& item : items)
+        if (!item.ofObject())
+            changed.insert(item.realDn() + '\n' + item.attribute);
+    return changed;
 }
 
 /// A change that cannot be delivered must not cost the others their delivery.
@@ -51,6 +63,12 @@ void SQLite::sql_sendNotifications()
 void SQLite::walk(const std::vector<NotificationItem>& items, Origin origin)
 {
     const std::span all(items);
+    std::optional<std::unordered_set<std::string>> changed; // most deliveries never ask
+    const IsChanged isChanged = [&](const std::string& dn, const std::string& attribute) {
+        if (!changed)
+            changed = attributesOf(items);
+        return changed->contains(dn + '\n' + attribute);
+    };
     std::size_t begin = 0;      // of the object's group
     std::int32_t operation = 0; // of the last object item walked
     for (std::size_t i = 0; i < items.size(); ++i) {
@@ -66,7 +84,7 @@ void SQLite::walk(const std::vector<NotificationItem>& items, Origin origin)
         if (m_sink)
             guarded(item, [&] { m_sink->itemChanged(item); });
         if (origin == Origin::client && m_attributeSynchronisationEnabled && !item.ofObject())
-            guarded(item, [&] { synchronise(item); });
+            guarded(item, [&] { synchronise(item, isChanged); });
         followFeatureState(item);
     }
     if (!items.empty())
@@ -81,8 +99,10 @@ void SQLite::announceObject(std::span<const NotificationItem> group, std::int32_
 }
 
 /// What this changes is told after the list being walked, and not mirrored again.
-void SQLite::synchronise(const NotificationItem& item)
+void SQLite::synchronise(const NotificationItem& item, const IsChanged& isChanged)
 {
+    if (yieldsToSuccessor(item.realDn(), item.attribute, isChanged))
+        return;
     if (!SyncAttribute(item.realDn(), item.attribute, item.value, item.operation))
         LOG_ERROR("SQLite::sql_sendNotifications(), Failed to syncronize deprecated attribute!");
 }
