@@ -26,15 +26,16 @@ std::string side(int number, const std::string& dn, const std::string& attribute
     return "<" + tag + "><fdn>" + dn + "</fdn><attrName>" + attribute + "</attrName></" + tag + ">";
 }
 
-/// Pairs of the items' attribute `name`, a tenth of them with a DN that matches nothing.
+/// Pairs of the items' attribute `name`; one in ten has a pattern that matches nothing, of the class and the
+/// attribute that change.
 void writePairs(const std::string& directory, int count, const std::string& name)
 {
     std::ofstream file(directory + "/" + AttributeSyncFile::name);
     file << "<AttrSyncPairs><syncPair>";
     for (int i = 0; i < count; ++i) {
-        const std::string other = i % 10 == 9 ? "ManagedElement=1,None" + std::to_string(i) + "=%" : parentDn(i);
+        const std::string other = i % 10 == 9 ? "ManagedElement=1,None=" + std::to_string(i) + ",Item=%" : parentDn(i);
         file << "<attrSyncPair>" << side(1, parentDn(i) + "," + childPair(i), name)
-             << side(2, other, "successor" + std::to_string(i)) << "</attrSyncPair>";
+             << side(2, other, i % 10 == 9 ? "attribute1" : "successor" + std::to_string(i)) << "</attrSyncPair>";
     }
     file << "</syncPair></AttrSyncPairs>";
 }

@@ -160,6 +160,30 @@ TEST_F(AttributeSync, ChangeOfOneSideIsMirroredInTheSameDeliveryOnce)
     EXPECT_EQ(value("B=1", "other"), "y");
 }
 
+TEST_F(AttributeSync, SuccessorDecidesWhenBothAreChangedTogether)
+{
+    ASSERT_TRUE(insert("A=1", {text("a", "1"), text("z", "1")}));
+    start(pair("A=1", "a", "A=1", "z") + pair("A=1", "n", "A=1", "b"));
+    ASSERT_TRUE(update("A=1", {text("a", "old"), text("z", "new"), text("b", "new"), text("n", "old")}));
+    EXPECT_EQ(value("A=1", "a") + value("A=1", "z"), "newnew");
+    EXPECT_EQ(value("A=1", "n") + value("A=1", "b"), "newnew");
+    Attribute gone = text("z", "");
+    gone.deleted = true;
+    ASSERT_TRUE(update("A=1", {text("a", "again"), gone}));
+    EXPECT_EQ(value("A=1", "a") + value("A=1", "z"), "(none)(none)");
+}
+
+TEST_F(AttributeSync, PairsWithCommasAreFoundInQuotes)
+{
+    ASSERT_TRUE(insert("A=1", {text("a", "1")}));
+    ASSERT_TRUE(insert("A=1,\"B=x,y\"", {text("b", "1")}));
+    start(pair("A=1", "a", "A=1,\"B=x,y\"", "b"));
+    ASSERT_TRUE(update("A=1,\"B=x,y\"", {text("b", "2")}));
+    EXPECT_EQ(value("A=1", "a"), "2");
+    ASSERT_TRUE(update("A=1", {text("a", "3")}));
+    EXPECT_EQ(value("A=1,\"B=x,y\"", "b"), "3");
+}
+
 TEST_F(AttributeSync, NothingIsMirroredBeforeItIsEnabledNorFromARollback)
 {
     ASSERT_TRUE(insert("A=1", {text("a", "1")}));
@@ -205,6 +229,10 @@ TEST(AttributeSyncPairs, UnrelatedChangesLookForNothing)
     });
     for (int i = 0; i < 1000; ++i)
         pairs.append({{{{"Old=%,C" + std::to_string(i) + "=%", "a"}, {"New=1", "n" + std::to_string(i)}}}});
+    for (int i = 0; i < 1000; ++i)
+        pairs.append({{{{"Root=1,P" + std::to_string(i) + "=1,Cell=%", "a"}, {"New=1", "m" + std::to_string(i)}}}});
+    EXPECT_EQ(pairs.partnerOf("Root=1,Cell=1", "a"), nullptr);
+    EXPECT_EQ(pairs.partnerOf("Root=1,P5=2,Cell=1", "a"), nullptr);
     EXPECT_EQ(pairs.partnerOf("Other=1", "a"), nullptr);
     EXPECT_EQ(pairs.partnerOf("Old=1,C5=1", "b"), nullptr);
     EXPECT_EQ(looks, 0);

@@ -112,6 +112,20 @@ TEST_F(XmlFiles, SizeAndDepthHaveLimits)
     EXPECT_TRUE(read().starts_with("wrong: ")) << "a tebibyte of nothing takes no memory";
 }
 
+/// The parser would go through what is open again with every block that it gets: minutes, for a file that
+/// is one comment.
+TEST_F(XmlFiles, NoSingleTokenIsLong)
+{
+    const std::string shortEnough(60000, 'x');
+    const std::string tooLong(100000, 'x');
+    EXPECT_EQ(read("<m a='" + shortEnough + "'><!--" + shortEnough + "--></m><!--" + shortEnough + "-->"), "m");
+    EXPECT_EQ(read("<m>" + tooLong + "<![CDATA[" + tooLong + "]]></m>"), "m") << "text is told in pieces";
+    for (const std::string& content :
+         {"<m><!--" + tooLong + "--></m>", "<m a='" + tooLong + "'/>", "<m><?p " + tooLong + "?></m>",
+          "<m" + tooLong + "/>", "<!DOCTYPE m [<!ENTITY e '" + tooLong + "'>]><m/>"})
+        EXPECT_TRUE(refused(content, "a comment, tag or declaration of more than 65536 bytes"));
+}
+
 TEST_F(XmlFiles, EntitiesNeitherLeaveTheFileNorSwell)
 {
     EXPECT_EQ(read("<!DOCTYPE m [<!ENTITY e 'text'>]><m a='&e;'>&e;</m>"), "m");
@@ -122,9 +136,16 @@ TEST_F(XmlFiles, EntitiesNeitherLeaveTheFileNorSwell)
     EXPECT_EQ(read("<!DOCTYPE m " + secret + "><m/>"), "m") << "not followed";
     EXPECT_TRUE(refused(swelling("<m>&e7;</m>"), "wrong: "));
     EXPECT_TRUE(refused(swelling("<m a='&e7;'/>"), "wrong: "));
+    std::string elements = "<!DOCTYPE m [<!ENTITY e \"";
+    for (int i = 0; i < 10000; ++i)
+        elements += "<n/>";
+    elements += "\">]><m>";
+    for (int i = 0; i < 200; ++i)
+        elements += "&e;";
+    EXPECT_TRUE(refused(elements + "</m>", "entities make more than 4194304 bytes"));
     std::string defaults = "<!DOCTYPE m [<!ATTLIST n a CDATA '" + std::string(10000, 'x') + "'>]><m>";
     for (int i = 0; i < 1000; ++i)
         defaults += "<n/>";
-    EXPECT_TRUE(refused(defaults + "</m>", "more than 4194304 bytes of text"));
+    EXPECT_TRUE(refused(defaults + "</m>", "entities make more than 4194304 bytes"));
     EXPECT_TRUE(refused("<!DOCTYPE m [<!ENTITY e '&e;'>]><m>&e;</m>", "Recursive"));
 }

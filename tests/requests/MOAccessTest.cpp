@@ -225,6 +225,10 @@ TEST_F(Reporting, MirroredAttributesAreToldOnceBehindTheObjects)
     EXPECT_EQ(told(client), reported + whole + "{23 B=1: b=new} " + together);
     EXPECT_EQ(value("B=1", "b"), "new");
     EXPECT_EQ(told(second), mirrored + "23 B=1 b=new ");
+    report({{"M=1,A=1", 'U', {string("a", "old")}}, {"B=1", 'U', {string("b", "successor")}}});
+    EXPECT_EQ(value("M=1,A=1", "a"), "successor") << "reported together, the successor counts";
+    EXPECT_EQ(value("B=1", "b"), "new");
+    told(client);
     report({{"M=1,A=1", 'D', {string("a", "new")}}});
     EXPECT_EQ(told(client), whole + "{9 M=1,A=1: a=new} " + transaction + "[9 M=1,A=1 a] ");
     EXPECT_EQ(told(second), mirrored + "9 B=1 b=new ");

@@ -22,8 +22,8 @@ DNs are whole DNs ("ManagedElement=1,FAPService=1"); a pair that holds a comma s
 TYPE is INT8, INT16, INT32, INT64, UINT8, UINT16, UINT32, UINT64, string, boolean, reference, ENUM, text,
 DECIMAL64, FLOAT or a type code; string when left out.
 
-Exit codes: 0 success, 1 refused by the service (check: start-up would not load the file as it is, diff: the trees
-differ), 2 usage, 3 not found, 4 no service, 5 timeout, 6 a watch missed notifications or lost its connection,
+Exit codes: 0 success, 1 refused by the service (check: start-up would not load the file as it is, sync-pairs: the
+service would refuse it, diff: the trees differ), 2 usage, 3 not found, 4 no service, 5 timeout, 6 a watch missed notifications or lost its connection,
 130 interrupted (a transaction: aborted).
 )";
 
