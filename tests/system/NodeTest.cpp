@@ -51,6 +51,14 @@ TEST(Node, LivesFromUpToDown)
     EXPECT_EQ(node.client({"ready"}).code, 4);
 }
 
+TEST(Node, CallersLogFileIsNotTheNodes)
+{
+    const TestDirectory directory;
+    const Node node({}, {{"TAMO_LOG_FILE", directory.path("callers.log")}, {"TAMO_LOG_LEVEL", "debug"}});
+    EXPECT_EQ(node.bootResult().code, 0) << node.bootResult().error;
+    EXPECT_EQ(node.status("state"), "\"up\"");
+}
+
 TEST(Node, EnvironmentLeadsAShellsClientToTheNode)
 {
     const Node node;

@@ -109,6 +109,8 @@ void writeAll(int descriptor, const std::string& text)
 [[noreturn]] void becomeSupervisor(const NodeLayout& layout, const UpOptions& arguments, int report)
 {
     constexpr int reportPlace = 3;
+    ::unsetenv("TAMO_LOG_FILE"); // its descriptor may be the one that the report takes
+    mw_log::configure();
     ::setsid();
     ::dup2(report, reportPlace);
     ::close_range(reportPlace + 1, ~0U, 0);
