@@ -23,8 +23,8 @@ TYPE is INT8, INT16, INT32, INT64, UINT8, UINT16, UINT32, UINT64, string, boolea
 DECIMAL64, FLOAT or a type code; string when left out.
 
 Exit codes: 0 success, 1 refused by the service (check: start-up would not load the file as it is, sync-pairs: the
-service would refuse it, diff: the trees differ), 2 usage, 3 not found, 4 no service, 5 timeout, 6 a watch missed notifications or lost its connection,
-130 interrupted (a transaction: aborted).
+service would refuse it, diff: the trees differ), 2 usage, 3 not found, 4 no service, 5 timeout, 6 a watch missed
+notifications or lost its connection, 130 interrupted (a transaction: aborted).
 )";
 
 std::int32_t nodeOf(const std::string& client)
