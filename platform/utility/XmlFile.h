@@ -24,8 +24,9 @@ public:
     bool isOpen() const { return m_file >= 0; }
 
     /// The file's tree. Size, depth, the length of single tags, comments and declarations, and what entities
-    /// swell to are checked before it is built; external entities are not followed. Throws a Poco::Exception that says what is wrong, also for a
-    /// file of more than `maxBytes` bytes, one that is being written and one that cannot be read.
+    /// swell to are checked before it is built; external entities are not followed. Throws a Poco::Exception that says
+    /// what is wrong, also for a file of more than `maxBytes` bytes, one that is being written and one that cannot be
+    /// read.
     std::shared_ptr<Poco::XML::Document> parse(std::size_t maxBytes) const;
 
 private:
